@@ -1,0 +1,94 @@
+#include "download/workspace.h"
+
+#include <optional>
+
+#include "core/text.h"
+#include "platform/files.h"
+#include "platform/system.h"
+#include "report/tool_log.h"
+#include "state/registry.h"
+
+namespace {
+
+constexpr std::uint32_t kMaxPath = 260;
+
+struct WorkspaceState {
+    std::optional<std::wstring> workspace;
+    std::wstring downloadedFile;
+};
+
+WorkspaceState& State() {
+    static WorkspaceState state;
+    return state;
+}
+
+std::wstring ComputeWorkspace() {
+    std::wstring temp;
+    const std::uint32_t length = platform::GetTempFolder(temp);
+    // Zero (failure) and anything above the buffer both wrap past 259.
+    if (length - 1u > kMaxPath - 1u) temp = L"C:\\Temp\\";
+
+    std::wstring workspace = core::PathJoin(temp, L"updatetool-data");
+    if (!platform::PathExists(workspace) && !platform::CreateFolder(workspace)) {
+        // The temp folder itself, without the trailing backslash the system gives it.
+        const auto cut = temp.rfind(L'\\');
+        workspace = cut == std::wstring::npos ? std::wstring() : temp.substr(0, cut);
+    }
+    return workspace;
+}
+
+std::wstring CertificateUnderInstallPath(const std::wstring& root) {
+    const std::wstring installPath = RegReadString(root + L"\\AgentInstallPath", L"");
+    if (installPath.empty()) return {};
+    return core::PathJoin(installPath, L"cert\\cacert.pem");
+}
+
+}  // namespace
+
+std::wstring GetWorkspace() {
+    WorkspaceState& state = State();
+    if (!state.workspace) {
+        state.workspace = ComputeWorkspace();
+        // The content client's log callback is registered here once the client exists.
+    }
+    return *state.workspace;
+}
+
+std::wstring UtilGetPEMFilePath() {
+    std::wstring lastTried;
+    for (const std::wstring& root : {CurrentProductRoot(), LegacyProductRoot()}) {
+        const std::wstring candidate = CertificateUnderInstallPath(root);
+        if (candidate.empty()) continue;
+        lastTried = candidate;
+        if (platform::PathExists(candidate)) return candidate;
+    }
+    LogF(L"%s: cert file '%s' does not exist, returning legacy agent cert path ",
+         L"UtilGetPEMFilePath", lastTried);
+    return DaasAgentCertificatePath();
+}
+
+std::wstring DaasAgentCertificatePath() {
+    for (const wchar_t* key : {L"HKLM\\Software\\Quorvane\\DaaS Agent",
+                               L"HKLM\\Software\\Tessix, Inc.\\Tessix DaaS Agent"}) {
+        const std::wstring folder = RegReadString(std::wstring(key) + L"\\CertFolder", L"");
+        if (folder.empty() || !platform::PathExists(folder)) continue;
+        const std::wstring file = RegReadString(std::wstring(key) + L"\\CertFileName", L"");
+        return core::PathJoin(folder, file);
+    }
+    return {};
+}
+
+void SetDownloadedFilePath(const std::wstring& path) { State().downloadedFile = path; }
+std::wstring DownloadedFilePath() { return State().downloadedFile; }
+
+bool UtilCleanupWorkspace() {
+    const std::wstring& file = State().downloadedFile;
+    if (file.empty()) return true;
+    if (platform::DeleteFilePath(file)) return true;
+    const std::uint32_t error = platform::LastError();
+    LogF(L"%s: delete failed: %s error: %s", L"UtilCleanupWorkspace", file,
+         platform::SystemMessage(error));
+    return false;
+}
+
+void ResetWorkspaceForTesting() { State() = WorkspaceState{}; }

@@ -1,0 +1,29 @@
+#pragma once
+// The download workspace, the certificate file that validates the download server, and the
+// clean-up of the downloaded package.
+//
+// Registry values read here (REG_SZ; all optional):
+//   HKLM\Software\Quorvane\Lumenar\AgentInstallPath             agent install folder
+//   HKLM\Software\Tessix, Inc.\Tessix KDX\AgentInstallPath      legacy agent install folder
+//   HKLM\Software\Quorvane\DaaS Agent\CertFolder, CertFileName  DaaS agent certificate
+//   HKLM\Software\Tessix, Inc.\Tessix DaaS Agent\CertFolder, CertFileName   legacy DaaS agent
+#include <string>
+
+// %TEMP%\updatetool-data, created on first use; "C:\Temp\updatetool-data" when the temp path is
+// unusable; the temp folder itself when the subfolder cannot be created. Fixed for the process.
+std::wstring GetWorkspace();
+
+// <AgentInstallPath>\cert\cacert.pem of the current, then the legacy product; otherwise the DaaS
+// agent certificate. May be empty.
+std::wstring UtilGetPEMFilePath();
+std::wstring DaasAgentCertificatePath();
+
+// The full path of the package the download step fetched; empty when none.
+void SetDownloadedFilePath(const std::wstring& path);
+std::wstring DownloadedFilePath();
+
+// Deletes the downloaded package; true when there was none or it is gone.
+bool UtilCleanupWorkspace();
+
+// Forgets the computed workspace and the downloaded file, so tests can compute them again.
+void ResetWorkspaceForTesting();

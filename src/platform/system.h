@@ -1,0 +1,39 @@
+#pragma once
+// Process-level facts and services: last error, system messages, the program's own module, the
+// single-instance mutex and the console.
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace platform {
+
+std::uint32_t LastError();
+void SetLastError(std::uint32_t error);
+
+// FormatMessageW text for a system error code, without the trailing line break; empty if none.
+std::wstring SystemMessage(std::uint32_t error);
+
+// GetModuleFileNameW for the program itself; empty and error set on failure.
+std::wstring ProgramPath(std::uint32_t& error);
+
+// The fixed file-information version of a module: most and least significant 32-bit words.
+struct FileVersion {
+    std::uint32_t mostSignificant = 0;
+    std::uint32_t leastSignificant = 0;
+};
+std::optional<FileVersion> ReadFileVersion(const std::wstring& path);
+
+// CreateMutexW(nullptr, TRUE, name). The handle is never closed: process exit releases it.
+// Returns the last error after the call (183 when another process holds the name).
+std::uint32_t CreateNamedMutexHeldForLife(const std::wstring& name);
+
+// The full command line of the process (GetCommandLineW); empty if there is none.
+std::wstring CommandLine();
+
+// Writes text to standard output as it is (no line break added).
+void WriteStdout(const std::wstring& text);
+
+// Whole-string comparison without regard to case, as the user's locale sees it.
+bool EqualsIgnoreCase(const std::wstring& a, const std::wstring& b);
+
+}  // namespace platform

@@ -1,0 +1,64 @@
+#include "platform/files.h"
+
+#include <windows.h>
+
+#include "platform/win32/handles.h"
+
+namespace platform {
+
+std::uint32_t GetTempFolder(std::wstring& out) {
+    wchar_t buffer[MAX_PATH];
+    const DWORD length = ::GetTempPathW(MAX_PATH, buffer);
+    out = (length > 0 && length <= MAX_PATH) ? std::wstring(buffer, length) : std::wstring();
+    return length;
+}
+
+bool PathExists(const std::wstring& path) {
+    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+bool CreateFolder(const std::wstring& path) { return ::CreateDirectoryW(path.c_str(), nullptr); }
+
+bool DeleteFilePath(const std::wstring& path) { return ::DeleteFileW(path.c_str()); }
+
+bool WriteWholeFile(const std::wstring& path, const std::vector<std::uint8_t>& bytes) {
+    win32::UniqueFileHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr,
+                                               CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) return false;
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const DWORD chunk = static_cast<DWORD>(std::min<std::size_t>(bytes.size() - done, 1u << 30));
+        DWORD written = 0;
+        if (!::WriteFile(file.get(), bytes.data() + done, chunk, &written, nullptr) || written == 0)
+            return false;
+        done += written;
+    }
+    return true;
+}
+
+std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::wstring& path) {
+    win32::UniqueFileHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                               OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) return std::nullopt;
+    LARGE_INTEGER size{};
+    // Whole-file reads are for small texts; refuse anything that cannot be one.
+    if (!::GetFileSizeEx(file.get(), &size) || size.QuadPart < 0 ||
+        size.QuadPart > (LONGLONG{1} << 31)) {
+        ::SetLastError(ERROR_FILE_TOO_LARGE);
+        return std::nullopt;
+    }
+    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(size.QuadPart));
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        DWORD read = 0;
+        if (!::ReadFile(file.get(), bytes.data() + done, static_cast<DWORD>(bytes.size() - done),
+                        &read, nullptr))
+            return std::nullopt;
+        if (read == 0) break;  // shrank while reading
+        done += read;
+    }
+    bytes.resize(done);
+    return bytes;
+}
+
+}  // namespace platform

@@ -1,0 +1,39 @@
+#pragma once
+// Owners for the Windows handle kinds used by the adapters, one alias per "no handle" convention.
+#include <windows.h>
+
+#include "core/unique_handle.h"
+
+namespace platform::win32 {
+
+struct RegistryKeyTraits {
+    using Type = HKEY;
+    static Type Invalid() noexcept { return nullptr; }
+    static void Close(Type key) noexcept { ::RegCloseKey(key); }
+};
+using UniqueRegistryKey = core::UniqueHandle<RegistryKeyTraits>;
+
+// Kernel objects whose "none" is null: processes, threads, mutexes, mappings.
+struct KernelHandleTraits {
+    using Type = HANDLE;
+    static Type Invalid() noexcept { return nullptr; }
+    static void Close(Type handle) noexcept { ::CloseHandle(handle); }
+};
+using UniqueKernelHandle = core::UniqueHandle<KernelHandleTraits>;
+
+// CreateFileW's "none" is INVALID_HANDLE_VALUE.
+struct FileHandleTraits {
+    using Type = HANDLE;
+    static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
+    static void Close(Type handle) noexcept { ::CloseHandle(handle); }
+};
+using UniqueFileHandle = core::UniqueHandle<FileHandleTraits>;
+
+struct FindHandleTraits {
+    using Type = HANDLE;
+    static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
+    static void Close(Type handle) noexcept { ::FindClose(handle); }
+};
+using UniqueFindHandle = core::UniqueHandle<FindHandleTraits>;
+
+}  // namespace platform::win32

@@ -1,0 +1,90 @@
+#include "fake_platform.h"
+#include "platform/files.h"
+
+namespace platform {
+namespace {
+constexpr std::uint32_t kSharingViolation = 32;
+
+std::wstring ParentOf(const std::wstring& path) {
+    const auto cut = path.rfind(L'\\');
+    return cut == std::wstring::npos ? std::wstring() : path.substr(0, cut);
+}
+
+// A drive root ("C:") always exists; other folders must have been created.
+bool FolderExists(const std::wstring& folder) {
+    return (folder.size() == 2 && folder[1] == L':') || fake::State().folders.count(folder) > 0;
+}
+}  // namespace
+
+std::uint32_t GetTempFolder(std::wstring& out) {
+    auto& s = fake::State();
+    const std::uint32_t count =
+        s.tempFolderResult.value_or(static_cast<std::uint32_t>(s.tempFolder.size()));
+    out = (count > 0 && count <= 260) ? s.tempFolder : std::wstring();
+    return count;
+}
+
+bool PathExists(const std::wstring& path) {
+    std::wstring trimmed = path;
+    while (trimmed.size() > 3 && trimmed.back() == L'\\') trimmed.pop_back();
+    const bool exists = fake::State().files.count(trimmed) || FolderExists(trimmed);
+    if (!exists) fake::State().lastError = status::kFileNotFound;
+    return exists;
+}
+
+bool CreateFolder(const std::wstring& path) {
+    auto& s = fake::State();
+    if (s.uncreatableFolders.count(path)) {
+        s.lastError = status::kAccessDenied;
+        return false;
+    }
+    if (FolderExists(path) || s.files.count(path)) {
+        s.lastError = status::kAlreadyExists;
+        return false;
+    }
+    if (!FolderExists(ParentOf(path))) {
+        s.lastError = status::kPathNotFound;
+        return false;
+    }
+    s.folders.insert(path);
+    return true;
+}
+
+bool DeleteFilePath(const std::wstring& path) {
+    auto& s = fake::State();
+    if (s.locked.count(path)) {
+        s.lastError = kSharingViolation;
+        return false;
+    }
+    if (!s.files.erase(path)) {
+        s.lastError = status::kFileNotFound;
+        return false;
+    }
+    return true;
+}
+
+bool WriteWholeFile(const std::wstring& path, const std::vector<std::uint8_t>& bytes) {
+    auto& s = fake::State();
+    if (s.locked.count(path)) {
+        s.lastError = kSharingViolation;
+        return false;
+    }
+    if (!FolderExists(ParentOf(path))) {
+        s.lastError = status::kPathNotFound;
+        return false;
+    }
+    s.files[path] = bytes;
+    return true;
+}
+
+std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::wstring& path) {
+    auto& s = fake::State();
+    auto it = s.files.find(path);
+    if (it == s.files.end()) {
+        s.lastError = status::kFileNotFound;
+        return std::nullopt;
+    }
+    return it->second;
+}
+
+}  // namespace platform

@@ -1,0 +1,78 @@
+#pragma once
+// In-memory stand-ins for src/platform/: a registry, a file system, a clock whose sleep is only
+// recorded, a console that collects its output, and the program's identity. Tests arrange the
+// state through fake::State() and inspect it afterwards; FakePlatformScope resets it on both ends.
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core/text.h"
+#include "platform/clock.h"
+#include "platform/registry.h"
+#include "platform/system.h"
+
+namespace fake {
+
+struct RegistryKey {
+    std::wstring name;
+    bool isVolatile = false;
+    std::vector<std::unique_ptr<RegistryKey>> subkeys;                  // creation order
+    std::vector<std::pair<std::wstring, platform::RegistryValue>> values;  // creation order
+};
+
+struct PlatformState {
+    // Registry: one tree per hive. The 32-bit view of HKLM\Software lives under
+    // Software\WOW6432Node, as on 64-bit Windows.
+    std::map<platform::Hive, RegistryKey> hives;
+    std::set<std::wstring, core::NoCaseLess> deniedKeys;  // "HKLM\\key": every access fails with 5
+
+    // File system: files with their bytes, folders, and paths whose writes fail (locked).
+    std::map<std::wstring, std::vector<std::uint8_t>, core::NoCaseLess> files;
+    std::set<std::wstring, core::NoCaseLess> folders;
+    std::set<std::wstring, core::NoCaseLess> locked;           // writes and deletes fail with 32
+    std::set<std::wstring, core::NoCaseLess> uncreatableFolders;  // CreateFolder fails with 5
+    std::wstring tempFolder = L"C:\\Users\\svc\\AppData\\Local\\Temp\\";
+    std::optional<std::uint32_t> tempFolderResult;  // overrides the API's count when set
+
+    // Process.
+    std::uint32_t lastError = 0;
+    std::wstring programPath = L"C:\\Program Files\\Quorvane\\updatetool.exe";
+    std::uint32_t programPathError = 0;  // non-zero: ProgramPath fails with it
+    std::optional<platform::FileVersion> fileVersion = platform::FileVersion{0x00080010, 0x00020003};
+    std::set<std::wstring> mutexes;
+    std::wstring commandLine = L"\"C:\\Program Files\\Quorvane\\updatetool.exe\"";
+    std::wstring console;
+    std::map<std::wstring, std::wstring> environment;  // for %VAR% expansion
+
+    // Time.
+    platform::LocalTime now{};
+    std::int64_t utcSeconds = 1772460189;
+    std::vector<std::uint32_t> sleeps;  // every requested sleep, in milliseconds
+};
+
+PlatformState& State();
+void Reset();
+
+// Convenience for tests, in the tool's own path notation ("HKLM\\Software\\X\\Value").
+void SetRegistryValue(const std::wstring& path, const platform::RegistryValue& value);
+void SetRegistryString(const std::wstring& path, const std::wstring& text);
+void SetRegistryDword(const std::wstring& path, std::uint32_t value);
+void CreateRegistryKey(const std::wstring& keyPath);
+std::optional<platform::RegistryValue> GetRegistryValue(const std::wstring& path);
+bool IsVolatileKey(const std::wstring& keyPath);
+
+std::wstring FileText(const std::wstring& path);  // UTF-16LE after a BOM, as the log writes it
+
+class FakePlatformScope {
+public:
+    FakePlatformScope() { Reset(); }
+    ~FakePlatformScope() { Reset(); }
+    FakePlatformScope(const FakePlatformScope&) = delete;
+    FakePlatformScope& operator=(const FakePlatformScope&) = delete;
+};
+
+}  // namespace fake

@@ -1,0 +1,28 @@
+#include "fake_platform.h"
+
+namespace fake {
+
+PlatformState& State() {
+    static PlatformState state;
+    return state;
+}
+
+void Reset() {
+    State() = PlatformState{};
+    State().now.tm.tm_year = 126;  // 2026-03-02 14:03:09
+    State().now.tm.tm_mon = 2;
+    State().now.tm.tm_mday = 2;
+    State().now.tm.tm_hour = 14;
+    State().now.tm.tm_min = 3;
+    State().now.tm.tm_sec = 9;
+}
+
+std::wstring FileText(const std::wstring& path) {
+    auto it = State().files.find(path);
+    if (it == State().files.end()) return {};
+    std::vector<std::uint8_t> bytes = it->second;
+    if (bytes.size() >= 2 && bytes[0] == 0xFF && bytes[1] == 0xFE) bytes.erase(bytes.begin(), bytes.begin() + 2);
+    return core::WideFromUtf16Bytes(bytes);
+}
+
+}  // namespace fake

@@ -1,0 +1,56 @@
+#include <cwctype>
+
+#include "fake_platform.h"
+#include "platform/clock.h"
+#include "platform/system.h"
+
+namespace platform {
+
+std::uint32_t LastError() { return fake::State().lastError; }
+void SetLastError(std::uint32_t error) { fake::State().lastError = error; }
+
+std::wstring SystemMessage(std::uint32_t error) {
+    switch (error) {
+        case 0: return L"The operation completed successfully.";
+        case 2: return L"The system cannot find the file specified.";
+        case 5: return L"Access is denied.";
+        case 32: return L"The process cannot access the file because it is being used by another process.";
+        default: return L"";
+    }
+}
+
+std::wstring ProgramPath(std::uint32_t& error) {
+    error = fake::State().programPathError;
+    return error ? std::wstring() : fake::State().programPath;
+}
+
+std::optional<FileVersion> ReadFileVersion(const std::wstring&) { return fake::State().fileVersion; }
+
+std::uint32_t CreateNamedMutexHeldForLife(const std::wstring& name) {
+    const bool existed = !fake::State().mutexes.insert(name).second;
+    fake::State().lastError = existed ? status::kAlreadyExists : status::kSuccess;
+    return fake::State().lastError;
+}
+
+std::wstring CommandLine() { return fake::State().commandLine; }
+
+void WriteStdout(const std::wstring& text) { fake::State().console += text; }
+
+bool EqualsIgnoreCase(const std::wstring& a, const std::wstring& b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (std::towlower(static_cast<std::wint_t>(a[i])) != std::towlower(static_cast<std::wint_t>(b[i])))
+            return false;
+    return true;
+}
+
+LocalTime LocalNow() { return fake::State().now; }
+std::int64_t UtcSecondsNow() { return fake::State().utcSeconds; }
+
+void SleepMilliseconds(std::uint32_t milliseconds) {
+    fake::State().sleeps.push_back(milliseconds);
+    // Time moves on as if the sleep had happened, so that time-based decisions can be tested.
+    fake::State().utcSeconds += milliseconds / 1000;
+}
+
+}  // namespace platform
