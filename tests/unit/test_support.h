@@ -1,0 +1,40 @@
+#pragma once
+// Common ground for native tests: a fresh fake platform and a tool log per test, undone afterwards.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "download/workspace.h"
+#include "fake_platform.h"
+#include "report/tool_log.h"
+
+class ToolTest : public ::testing::Test {
+protected:
+    ToolTest() { ResetWorkspaceForTesting(); }
+    ~ToolTest() override {
+        log_.reset();
+        ResetWorkspaceForTesting();
+    }
+
+    // Starts the run's log (call after arranging the registry it reads).
+    ToolLog& StartLog() {
+        log_.reset();  // one log at a time, as in the tool
+        log_ = std::make_unique<ToolLog>();
+        return *log_;
+    }
+
+    // Everything logged so far; starts the log first if the test has not.
+    std::wstring LogText() {
+        if (!log_) StartLog();
+        return log_->text();
+    }
+
+    bool Logged(const std::wstring& fragment) { return LogText().find(fragment) != std::wstring::npos; }
+
+    fake::PlatformState& Platform() { return fake::State(); }
+
+private:
+    fake::FakePlatformScope scope_;
+    std::unique_ptr<ToolLog> log_;
+};
