@@ -15,6 +15,11 @@ void Reset() {
     State().now.tm.tm_hour = 14;
     State().now.tm.tm_min = 3;
     State().now.tm.tm_sec = 9;
+    // The folders of the default temp path exist, as they do on a real machine.
+    for (const wchar_t* folder : {L"C:\\Users", L"C:\\Users\\svc", L"C:\\Users\\svc\\AppData",
+                                  L"C:\\Users\\svc\\AppData\\Local",
+                                  L"C:\\Users\\svc\\AppData\\Local\\Temp"})
+        State().folders.insert(folder);
 }
 
 std::wstring FileText(const std::wstring& path) {

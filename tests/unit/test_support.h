@@ -11,26 +11,26 @@
 
 class ToolTest : public ::testing::Test {
 protected:
-    ToolTest() { ResetWorkspaceForTesting(); }
+    ToolTest() {
+        ResetWorkspaceForTesting();
+        StartLog();
+    }
     ~ToolTest() override {
         log_.reset();
         ResetWorkspaceForTesting();
     }
 
-    // Starts the run's log (call after arranging the registry it reads).
+    // Starts the run's log again, as a new run would (after arranging the registry it reads).
     ToolLog& StartLog() {
         log_.reset();  // one log at a time, as in the tool
         log_ = std::make_unique<ToolLog>();
         return *log_;
     }
 
-    // Everything logged so far; starts the log first if the test has not.
-    std::wstring LogText() {
-        if (!log_) StartLog();
-        return log_->text();
-    }
+    // Everything logged so far in this run.
+    std::wstring LogText() const { return log_->text(); }
 
-    bool Logged(const std::wstring& fragment) { return LogText().find(fragment) != std::wstring::npos; }
+    bool Logged(const std::wstring& fragment) const { return LogText().find(fragment) != std::wstring::npos; }
 
     fake::PlatformState& Platform() { return fake::State(); }
 
