@@ -49,8 +49,9 @@ bool ParseDecimal(std::wstring_view text, Int& out) {
     for (; i < text.size(); ++i) {
         const wchar_t c = text[i];
         if (c < L'0' || c > L'9') return false;
-        value = value * 10 + static_cast<Wide>(c - L'0');
-        if (value > limit) return false;
+        const Wide digit = static_cast<Wide>(c - L'0');
+        if (value > (limit - digit) / 10) return false;  // checked before it could wrap
+        value = value * 10 + digit;
     }
     if (negative) {
         out = static_cast<Int>(0 - value);  // two's complement; value <= |min|

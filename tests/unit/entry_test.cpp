@@ -1,0 +1,76 @@
+#include "app/entry.h"
+
+#include "state/registry.h"
+#include "test_support.h"
+
+namespace {
+
+class EntryTest : public ToolTest {
+protected:
+    std::wstring LinesAfterBanner() {
+        const std::wstring text = LogText();
+        return text.substr(text.find(L"Updatetool Version:"));
+    }
+};
+
+TEST_F(EntryTest, KillSwitchRefusesSilentlyBeforeTheMutex) {
+    for (const wchar_t* off : {L"0", L"false", L"no", L""}) {
+        fake::SetRegistryString(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", off);
+        EXPECT_EQ(RunTool(), -2) << off;
+    }
+    EXPECT_TRUE(Platform().mutexes.empty());
+    EXPECT_EQ(LinesAfterBanner().find(L"\r\n"), LinesAfterBanner().size() - 2);  // no line after it
+}
+
+TEST_F(EntryTest, KillSwitchIsOnByDefaultAndByFlagText) {
+    EXPECT_EQ(RunTool(), -1);
+    fake::SetRegistryDword(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", 1);
+    Platform().mutexes.clear();
+    EXPECT_EQ(RunTool(), -1);
+}
+
+TEST_F(EntryTest, SecondInstanceLeavesOneLineWithTheProgramName) {
+    Platform().mutexes.insert(kSingleInstanceMutexName);
+    fake::SetRegistryString(CurrentProductRoot() + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", L"1");
+    EXPECT_EQ(RunTool(), -3);
+    EXPECT_EQ(LinesAfterBanner().substr(LinesAfterBanner().find(L"\r\n") + 2),
+              L"2026-03-02 14.03.09: updatetool.exe duplicate instance, exit now\n\r\n");
+    EXPECT_TRUE(Platform().sleeps.empty());
+}
+
+TEST_F(EntryTest, RunThatPassesTheMutexLogsItsResultName) {
+    EXPECT_EQ(RunTool(), -1);
+    EXPECT_TRUE(Platform().mutexes.count(kSingleInstanceMutexName));
+    EXPECT_TRUE(Logged(L": wmain: Updatetool rc = ERR_FAILURE\r\n"));
+    EXPECT_TRUE(Platform().sleeps.empty());
+}
+
+class PendingRebootTest : public ToolTest,
+                          public ::testing::WithParamInterface<std::pair<bool, platform::RegistryValue>> {};
+
+TEST_P(PendingRebootTest, WaitsFiveMinutesOnceForAnyMarker) {
+    const auto& [legacy, value] = GetParam();
+    const std::wstring root = legacy ? LegacyProductRoot() : CurrentProductRoot();
+    fake::SetRegistryValue(root + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", value);
+    EXPECT_EQ(RunTool(), -1);
+    EXPECT_EQ(Platform().sleeps, std::vector<std::uint32_t>{300000});
+    EXPECT_TRUE(Logged(L"wmain: Reboot action triggered by Update tool is still pending, waiting "
+                       L"for (5) minutes before proceeeding..\r\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Markers, PendingRebootTest,
+    ::testing::Values(
+        std::pair{false, platform::RegistryValue{platform::regtype::kSz, core::Utf16BytesFromWide(L"1", true)}},
+        std::pair{true, platform::RegistryValue{platform::regtype::kSz, core::Utf16BytesFromWide(L"0", true)}},
+        std::pair{true, platform::RegistryValue{platform::regtype::kBinary, {}}},
+        std::pair{false, platform::RegistryValue{platform::regtype::kDword, {0, 0, 0, 0}}}));
+
+TEST_F(EntryTest, BothMarkersStillWaitOnlyOnce) {
+    fake::SetRegistryString(CurrentProductRoot() + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", L"1");
+    fake::SetRegistryString(LegacyProductRoot() + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", L"1");
+    WaitForPendingToolReboot();
+    EXPECT_EQ(Platform().sleeps.size(), 1u);
+}
+
+}  // namespace

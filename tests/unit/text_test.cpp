@@ -1,0 +1,129 @@
+#include "core/text.h"
+
+#include <gtest/gtest.h>
+
+#include "core/core_exception.h"
+#include "core/format.h"
+#include "core/unique_handle.h"
+
+namespace {
+
+TEST(Utf8, RoundTripsEveryPlane) {
+    const std::wstring text = core::WideFromUtf8("a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
+    EXPECT_EQ(core::Utf8FromWide(text), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
+    EXPECT_EQ(text.size(), sizeof(wchar_t) == 2 ? 5u : 4u);
+}
+
+class BadUtf8Test : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(BadUtf8Test, RaisesTheFrameworkException) {
+    try {
+        core::WideFromUtf8(GetParam());
+        FAIL() << "accepted";
+    } catch (const CORE::coreException& e) {
+        EXPECT_STREQ(e.what(), "to_wstr Failed");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Inputs, BadUtf8Test,
+                         ::testing::Values("\x80", "\xC3", "\xC0\xAF", "\xED\xA0\x80",
+                                           "\xF4\x90\x80\x80", "\xFF", "a\xE2\x82"));
+
+TEST(Utf8, LoneSurrogateCannotBeEncoded) {
+    EXPECT_THROW(core::Utf8FromWide(std::wstring(1, static_cast<wchar_t>(0xD800))),
+                 CORE::coreException);
+}
+
+TEST(Utf16Bytes, KeepEmbeddedNulsAndDropAnOddByte) {
+    const auto bytes = core::Utf16BytesFromWide(std::wstring(L"a\0b", 3), true);
+    EXPECT_EQ(bytes, (std::vector<std::uint8_t>{'a', 0, 0, 0, 'b', 0, 0, 0}));
+    auto odd = bytes;
+    odd.push_back('x');
+    EXPECT_EQ(core::WideFromUtf16Bytes(odd), std::wstring(L"a\0b\0", 4));
+}
+
+struct JoinCase {
+    const wchar_t* left;
+    const wchar_t* right;
+    const wchar_t* joined;
+};
+
+class PathJoinTest : public ::testing::TestWithParam<JoinCase> {};
+
+TEST_P(PathJoinTest, InsertsOneBackslashAndTurnsSlashes) {
+    EXPECT_EQ(core::PathJoin(GetParam().left, GetParam().right), GetParam().joined);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, PathJoinTest,
+    ::testing::Values(JoinCase{L"C:\\logs", L"updatetool", L"C:\\logs\\updatetool"},
+                      JoinCase{L"C:\\logs\\", L"updatetool", L"C:\\logs\\updatetool"},
+                      JoinCase{L"C:\\logs", L"\\x", L"C:\\logs\\x"},
+                      JoinCase{L"C:\\logs", L"/a/b", L"C:\\logs\\a\\b"},
+                      JoinCase{L"", L"a/b", L"a\\b"},
+                      JoinCase{L"C:\\logs", L"", L"C:\\logs\\"}));
+
+TEST(ParseDecimal, HoldsItsRangeAtBothEnds) {
+    std::int32_t i = 0;
+    EXPECT_TRUE(core::ParseInt32(L"2147483647", i));
+    EXPECT_EQ(i, 2147483647);
+    EXPECT_TRUE(core::ParseInt32(L"-2147483648", i));
+    EXPECT_EQ(i, INT32_MIN);
+    EXPECT_FALSE(core::ParseInt32(L"2147483648", i));
+    EXPECT_FALSE(core::ParseInt32(L"-2147483649", i));
+    EXPECT_FALSE(core::ParseInt32(L"99999999999999999999", i));  // would wrap a 64-bit value
+    EXPECT_FALSE(core::ParseInt32(L" 1", i));
+    EXPECT_FALSE(core::ParseInt32(L"-", i));
+    std::uint32_t u = 0;
+    EXPECT_TRUE(core::ParseUint32(L"4294967295", u));
+    EXPECT_FALSE(core::ParseUint32(L"4294967296", u));
+    EXPECT_FALSE(core::ParseUint32(L"-1", u));
+    std::int64_t l = 0;
+    EXPECT_FALSE(core::ParseInt64(L"18446744073709551616", l));
+}
+
+TEST(Text, TrimSplitAndLowerCase) {
+    EXPECT_EQ(core::Trim(L" \t\r\nx y\n "), L"x y");
+    EXPECT_EQ(core::Trim(L" \t "), L"");
+    EXPECT_EQ(core::Split(L"a==b", L'='), (std::vector<std::wstring>{L"a", L"", L"b"}));
+    EXPECT_TRUE(core::ContainsIgnoreCase(L"x PREFLIGHTCHECK_enabled=1", L"preflightcheck_ENABLED=1"));
+    EXPECT_EQ(core::FileNameOf(L"C:\\dir\\tool.exe"), L"tool.exe");
+    EXPECT_EQ(core::FileNameOf(L"tool.exe"), L"tool.exe");
+}
+
+TEST(Format, TakesWideStringsForPercentS) {
+    EXPECT_EQ(core::Format(L"%s: Update key: %s state: %s", L"f", std::wstring(L"k"), L"READY"),
+              L"f: Update key: k state: READY");
+    EXPECT_EQ(core::Format(L"%u minutes", 5u), L"5 minutes");
+    EXPECT_EQ(core::Format(L"%d%02d", 2026, 3), L"202603");
+    EXPECT_EQ(core::Format(L"%d", L"text"), L"%d [bad format]");
+}
+
+// A fake handle kind: integers, -1 meaning none, closes recorded.
+std::vector<int> g_closed;
+struct IntTraits {
+    using Type = int;
+    static int Invalid() noexcept { return -1; }
+    static void Close(int h) noexcept { g_closed.push_back(h); }
+};
+using UniqueInt = core::UniqueHandle<IntTraits>;
+
+TEST(UniqueHandle, ClosesExactlyOnceAcrossMovesResetsAndRelease) {
+    g_closed.clear();
+    {
+        UniqueInt a(3);
+        UniqueInt b(std::move(a));
+        EXPECT_FALSE(a.valid());
+        UniqueInt c(4);
+        c = std::move(b);  // closes 4, takes 3
+        EXPECT_EQ(c.get(), 3);
+        *c.put() = 5;      // closes 3
+        UniqueInt d(6);
+        EXPECT_EQ(d.release(), 6);  // never closed
+        UniqueInt none;
+        none.reset();
+    }
+    EXPECT_EQ(g_closed, (std::vector<int>{4, 3, 5}));
+}
+
+}  // namespace
