@@ -1,0 +1,91 @@
+// File, process-identity, mutex and text adapters against the real (Wine) system.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include "core/text.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "platform/system.h"
+
+namespace {
+
+std::wstring ScratchFolder() {
+    std::wstring temp;
+    platform::GetTempFolder(temp);
+    const std::wstring folder =
+        core::PathJoin(temp, L"updatetool-win32-tests-" + std::to_wstring(::GetCurrentProcessId()));
+    ::CreateDirectoryW(folder.c_str(), nullptr);
+    return folder;
+}
+
+TEST(FilesAdapter, TempFolderEndsInABackslashAndFitsItsCount) {
+    std::wstring temp;
+    const std::uint32_t count = platform::GetTempFolder(temp);
+    ASSERT_GT(count, 0u);
+    ASSERT_LE(count, 260u);
+    EXPECT_EQ(temp.size(), count);
+    EXPECT_EQ(temp.back(), L'\\');
+}
+
+TEST(FilesAdapter, WritesReplaceTheWholeFileAndLockedFilesRefuse) {
+    const std::wstring folder = ScratchFolder();
+    const std::wstring file = folder + L"\\log.txt";
+    ASSERT_TRUE(platform::WriteWholeFile(file, {1, 2, 3, 4}));
+    ASSERT_TRUE(platform::WriteWholeFile(file, {9}));
+    EXPECT_EQ(platform::ReadWholeFile(file), (std::vector<std::uint8_t>{9}));
+
+    HANDLE holder = ::CreateFileW(file.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(holder, INVALID_HANDLE_VALUE);
+    EXPECT_FALSE(platform::WriteWholeFile(file, {7}));
+    EXPECT_EQ(platform::LastError(), 32u);  // sharing violation
+    EXPECT_FALSE(platform::DeleteFilePath(file));
+    ::CloseHandle(holder);
+
+    EXPECT_TRUE(platform::PathExists(file));
+    EXPECT_TRUE(platform::DeleteFilePath(file));
+    EXPECT_FALSE(platform::PathExists(file));
+    EXPECT_FALSE(platform::ReadWholeFile(file).has_value());
+    EXPECT_FALSE(platform::CreateFolder(folder));  // exists already
+    EXPECT_EQ(platform::LastError(), 183u);
+    EXPECT_TRUE(::RemoveDirectoryW(folder.c_str()));
+}
+
+TEST(SystemAdapter, ProgramPathAndTheToolsVersion) {
+    std::uint32_t error = 1;
+    const std::wstring self = platform::ProgramPath(error);
+    EXPECT_EQ(error, 0u);
+    EXPECT_EQ(core::FileNameOf(self), L"win32_tests.exe");
+    // The test program has no version resource; the tool beside it has one.
+    EXPECT_FALSE(platform::ReadFileVersion(self).has_value());
+    const std::wstring tool = self.substr(0, self.rfind(L'\\')) + L"\\updatetool.exe";
+    const auto version = platform::ReadFileVersion(tool);
+    ASSERT_TRUE(version.has_value());
+    EXPECT_NE(version->mostSignificant, 0u);
+}
+
+TEST(SystemAdapter, MutexReportsAnExistingName) {
+    const std::wstring name = L"Local\\updatetool-test-" + std::to_wstring(::GetCurrentProcessId());
+    EXPECT_EQ(platform::CreateNamedMutexHeldForLife(name), 0u);
+    EXPECT_EQ(platform::CreateNamedMutexHeldForLife(name), 183u);
+}
+
+TEST(SystemAdapter, MessagesAndComparisons) {
+    const std::wstring message = platform::SystemMessage(2);
+    EXPECT_FALSE(message.empty());
+    EXPECT_NE(message.back(), L'\n');
+    EXPECT_TRUE(platform::EqualsIgnoreCase(L"64-BitAgent", L"64-bitagent"));
+    EXPECT_FALSE(platform::EqualsIgnoreCase(L"OREL", L"ORELX"));
+    EXPECT_FALSE(platform::EqualsIgnoreCase(L"OREL", L"OREL "));
+    EXPECT_FALSE(platform::CommandLine().empty());
+}
+
+TEST(ClockAdapter, LocalTimeIsPlausible) {
+    const platform::LocalTime now = platform::LocalNow();
+    EXPECT_GE(now.tm.tm_year, 125);
+    EXPECT_GE(now.milliseconds, 0);
+    EXPECT_LT(now.milliseconds, 1000);
+    EXPECT_GT(platform::UtcSecondsNow(), 1700000000);
+}
+
+}  // namespace
