@@ -5,15 +5,12 @@
 #include "platform/system.h"
 #include "report/tool_log.h"
 #include "state/registry.h"
+#include "state/update_record.h"
 
 namespace {
 constexpr const wchar_t* kFunction = L"wmain";
 constexpr std::uint32_t kErrorAlreadyExists = 183;
 }  // namespace
-
-bool ReadUpdateEnabled() {
-    return ParseBoolText(RegReadString(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", L"1"));
-}
 
 void WaitForPendingToolReboot() {
     bool pending = false;
@@ -37,6 +34,9 @@ RunResult RunTool() {
         LogF(L"%s duplicate instance, exit now\n", core::FileNameOf(platform::ProgramPath(error)));
         return run_result::kDuplicate;
     }
+
+    // Once per run: the retry limits hold for every step that follows.
+    ReadRetrySettings();
 
     WaitForPendingToolReboot();
 

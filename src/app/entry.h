@@ -12,8 +12,5 @@ inline constexpr std::uint32_t kPendingRebootWaitMinutes = 5;
 
 RunResult RunTool();
 
-// Kill switch: the Enabled value under \Agent\Update\ of the current root, default on.
-bool ReadUpdateEnabled();
-
 // Waits once, five minutes, when either root holds \Agent\UpdateStatusVolatile\NeedReboot.
 void WaitForPendingToolReboot();

@@ -44,6 +44,8 @@ public:
     const std::vector<Item>& Items() const { return items_; }
 
 private:
+    class Parser;  // fills items_ of the bag and of its sub-bags
+
     std::vector<Item> items_;
 };
 

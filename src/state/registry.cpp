@@ -41,29 +41,6 @@ std::wstring UpToFirstNul(std::wstring text) {
     return text;
 }
 
-// Text of a raw value as the readers promise it; nullopt for types and sizes that make no text.
-std::optional<std::wstring> TextOf(const platform::RegistryValue& value) {
-    switch (value.type) {
-        case regtype::kDword:
-            if (value.data.size() < 4) return std::nullopt;
-            return std::to_wstring(LittleEndian<std::uint32_t>(value.data));
-        case regtype::kQword:
-            if (value.data.size() < 8) return std::nullopt;
-            return std::to_wstring(LittleEndian<std::uint64_t>(value.data));
-        case regtype::kSz:
-            return UpToFirstNul(core::WideFromUtf16Bytes(value.data));
-        case regtype::kExpandSz:
-            return platform::ExpandEnvironment(UpToFirstNul(core::WideFromUtf16Bytes(value.data)));
-        case regtype::kMultiSz: {
-            std::wstring text = core::WideFromUtf16Bytes(value.data);
-            while (!text.empty() && text.back() == L'\0') text.pop_back();
-            return text;
-        }
-        default:
-            return std::nullopt;
-    }
-}
-
 // A key path given without a value: append a dummy value segment so that the whole path is the key.
 RegistryPath SplitKeyPath(const std::wstring& keyPath) {
     return SplitRegistryPath(core::PathJoin(keyPath, L"dummy"));
@@ -115,6 +92,12 @@ RegistryPath SplitRegistryPath(const std::wstring& path) {
     return result;
 }
 
+std::wstring RootName(platform::Hive hive) {
+    for (const auto& entry : kRoots)
+        if (entry.hive == hive) return entry.name;
+    return {};
+}
+
 std::wstring CurrentProductRoot() { return L"HKLM\\Software\\Quorvane\\Lumenar"; }
 std::wstring LegacyProductRoot() { return L"HKLM\\Software\\Tessix, Inc.\\Tessix KDX"; }
 
@@ -132,6 +115,28 @@ bool ParseBoolText(const std::wstring& text) {
     return nonZero;
 }
 
+std::optional<std::wstring> RegistryValueText(const platform::RegistryValue& value) {
+    switch (value.type) {
+        case regtype::kDword:
+            if (value.data.size() < 4) return std::nullopt;
+            return std::to_wstring(LittleEndian<std::uint32_t>(value.data));
+        case regtype::kQword:
+            if (value.data.size() < 8) return std::nullopt;
+            return std::to_wstring(LittleEndian<std::uint64_t>(value.data));
+        case regtype::kSz:
+            return UpToFirstNul(core::WideFromUtf16Bytes(value.data));
+        case regtype::kExpandSz:
+            return platform::ExpandEnvironment(UpToFirstNul(core::WideFromUtf16Bytes(value.data)));
+        case regtype::kMultiSz: {
+            std::wstring text = core::WideFromUtf16Bytes(value.data);
+            while (!text.empty() && text.back() == L'\0') text.pop_back();
+            return text;
+        }
+        default:
+            return std::nullopt;
+    }
+}
+
 RegReadResult RegReadValue(const std::wstring& path, std::int32_t acceptedType, bool view32) {
     RegReadResult result;
     const RegistryPath parts = SplitRegistryPath(path);
@@ -145,7 +150,7 @@ RegReadResult RegReadValue(const std::wstring& path, std::int32_t acceptedType, 
     result.type = static_cast<std::int32_t>(raw.type);
     // A value of a type that makes no text (REG_BINARY, say) still exists: it reports its type
     // with an empty text.
-    result.text = TextOf(raw).value_or(L"");
+    result.text = RegistryValueText(raw).value_or(L"");
     return result;
 }
 
@@ -156,7 +161,7 @@ std::wstring RegReadString(const std::wstring& path, const std::wstring& default
     if (platform::RegistryQueryValue(*parts.hive, parts.key, parts.value, view32, raw) !=
         platform::status::kSuccess)
         return defaultText;
-    return TextOf(raw).value_or(defaultText);
+    return RegistryValueText(raw).value_or(defaultText);
 }
 
 bool RegWriteValue(const std::wstring& path, const std::wstring& text, std::uint32_t type,
@@ -207,7 +212,7 @@ RegistryValueMap RegReadAllValues(const std::wstring& keyPath, bool view32) {
     for (const auto& [name, value] : raw) {
         // Values that make no text (binary data) are read as empty text rather than dropped, so
         // that a reader sees the name exists.
-        values.emplace(name, TextOf(value).value_or(L""));
+        values.emplace(name, RegistryValueText(value).value_or(L""));
     }
     return values;
 }

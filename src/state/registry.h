@@ -23,6 +23,9 @@ struct RegistryPath {
 
 RegistryPath SplitRegistryPath(const std::wstring& path);
 
+// The short root name of a hive ("HKLM", "HKCU", ...), as paths write it.
+std::wstring RootName(platform::Hive hive);
+
 // "HKLM\Software\Quorvane\Lumenar" and "HKLM\Software\Tessix, Inc.\Tessix KDX".
 std::wstring CurrentProductRoot();
 std::wstring LegacyProductRoot();
@@ -30,9 +33,13 @@ std::wstring LegacyProductRoot();
 // True for "true", "yes", "on" (any case) or a decimal integer other than 0.
 bool ParseBoolText(const std::wstring& text);
 
-// REG_DWORD and REG_QWORD become decimal text, REG_EXPAND_SZ is expanded, REG_SZ is returned up to
-// its first NUL, REG_MULTI_SZ keeps its NUL separators (trailing terminators removed). Other types,
-// a missing key or value, or an unknown root give the default.
+// The text of a raw value as every reader gives it: REG_DWORD and REG_QWORD become decimal text,
+// REG_EXPAND_SZ is expanded, REG_SZ is cut at its first NUL, REG_MULTI_SZ keeps its NUL
+// separators (trailing terminators removed). nullopt for other types and for short data.
+std::optional<std::wstring> RegistryValueText(const platform::RegistryValue& value);
+
+// The value converted by RegistryValueText. Other types, a missing key or value, or an unknown
+// root give the default.
 std::wstring RegReadString(const std::wstring& path, const std::wstring& defaultText = L"",
                            bool view32 = false);
 

@@ -3,6 +3,7 @@
 // recorded, a console that collects its output, and the program's identity. Tests arrange the
 // state through fake::State() and inspect it afterwards; FakePlatformScope resets it on both ends.
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -52,6 +53,26 @@ struct PlatformState {
     platform::LocalTime now{};
     std::int64_t utcSeconds = 1772460189;
     std::vector<std::uint32_t> sleeps;  // every requested sleep, in milliseconds
+
+    // ---- Agents: installer processes, the installer database, the machine, file search ----
+    // Processes: each run takes the next scripted entry (an empty script means "exited with 0")
+    // and records its command line. FindFiles lists the files map above by folder and wildcard,
+    // in the map's (case-insensitive name) order.
+    struct ScriptedProcess {
+        std::uint32_t exitCode = 0;
+        std::uint32_t createError = 0;    // non-zero: CreateProcessW fails with it
+        std::uint32_t exitCodeError = 0;  // non-zero: GetExitCodeProcess fails with it
+    };
+    std::deque<ScriptedProcess> processScript;
+    std::vector<std::wstring> processesRun;  // command lines, including failed creations
+    // Installed products by upgrade code (case-insensitive, as GUID texts are).
+    struct InstalledProduct {
+        std::wstring productCode;
+        std::wstring versionString;
+        std::uint32_t infoStatus = 0;  // non-zero: MsiGetProductInfoW fails with it
+    };
+    std::map<std::wstring, InstalledProduct, core::NoCaseLess> installedProducts;
+    std::uint16_t nativeArchitecture = 9;  // x64
 };
 
 PlatformState& State();

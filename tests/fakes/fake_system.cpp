@@ -15,6 +15,11 @@ std::wstring SystemMessage(std::uint32_t error) {
         case 2: return L"The system cannot find the file specified.";
         case 5: return L"Access is denied.";
         case 32: return L"The process cannot access the file because it is being used by another process.";
+        case 3: return L"The system cannot find the path specified.";
+        case 1603: return L"Fatal error during installation.";
+        case 1638: return L"Another version of this product is already installed.";
+        case 3010: return L"The requested operation is successful.  Changes will not be effective until the system is rebooted.";
+        case 0x80070005: return L"Access is denied.";
         default: return L"";
     }
 }

@@ -8,16 +8,19 @@
 #include "download/workspace.h"
 #include "fake_platform.h"
 #include "report/tool_log.h"
+#include "state/update_record.h"
 
 class ToolTest : public ::testing::Test {
 protected:
     ToolTest() {
         ResetWorkspaceForTesting();
+        ResetUpdateRecordForTesting();
         StartLog();
     }
     ~ToolTest() override {
         log_.reset();
         ResetWorkspaceForTesting();
+        ResetUpdateRecordForTesting();
     }
 
     // Starts the run's log again, as a new run would (after arranging the registry it reads).

@@ -1,0 +1,19 @@
+#include "fake_platform.h"
+#include "platform/process.h"
+
+namespace platform {
+
+ProcessRun RunProcessAndWait(const std::wstring& commandLine) {
+    auto& s = fake::State();
+    s.processesRun.push_back(commandLine);
+    fake::PlatformState::ScriptedProcess next;
+    if (!s.processScript.empty()) {
+        next = s.processScript.front();
+        s.processScript.pop_front();
+    }
+    if (next.createError) return {ProcessOutcome::kCreateFailed, 0, next.createError};
+    if (next.exitCodeError) return {ProcessOutcome::kExitCodeFailed, 0, next.exitCodeError};
+    return {ProcessOutcome::kExited, next.exitCode, 0};
+}
+
+}  // namespace platform

@@ -1,0 +1,125 @@
+// The process adapter against real child processes: the test installer built beside this program,
+// run with the command lines the agents build.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+#include "agent/generic_agent.h"
+#include "agent/orel_agent.h"
+#include "core/text.h"
+#include "platform/files.h"
+#include "platform/process.h"
+#include "platform/system.h"
+
+namespace {
+
+// Sets an environment variable of this process (which children inherit) and restores it.
+class ScopedEnvironment {
+public:
+    ScopedEnvironment(const wchar_t* name, const std::wstring& value) : name_(name) {
+        wchar_t buffer[1024];
+        const DWORD length = ::GetEnvironmentVariableW(name, buffer, 1024);
+        if (length > 0 && length < 1024) previous_ = std::wstring(buffer, length);
+        ::SetEnvironmentVariableW(name, value.c_str());
+    }
+    ~ScopedEnvironment() {
+        ::SetEnvironmentVariableW(name_, previous_ ? previous_->c_str() : nullptr);
+    }
+    ScopedEnvironment(const ScopedEnvironment&) = delete;
+    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+
+private:
+    const wchar_t* name_;
+    std::optional<std::wstring> previous_;
+};
+
+class ProcessAdapterTest : public ::testing::Test {
+protected:
+    ProcessAdapterTest() {
+        std::wstring temp;
+        platform::GetTempFolder(temp);
+        static int counter = 0;
+        scratch_ =
+            core::PathJoin(temp, L"updatetool-process-" + std::to_wstring(::GetCurrentProcessId()) +
+                                     L"-" + std::to_wstring(++counter));
+        ::CreateDirectoryW(scratch_.c_str(), nullptr);
+        std::uint32_t error = 0;
+        const std::wstring self = platform::ProgramPath(error);
+        installer_ = self.substr(0, self.rfind(L'\\')) + L"\\test_installer.exe";
+        record_ = Track(scratch_ + L"\\record.txt");
+    }
+    ~ProcessAdapterTest() override {
+        for (const std::wstring& file : created_) ::DeleteFileW(file.c_str());
+        ::RemoveDirectoryW((scratch_ + L"\\with blank").c_str());
+        ::RemoveDirectoryW(scratch_.c_str());
+    }
+
+    std::wstring Track(const std::wstring& path) {
+        created_.push_back(path);
+        return path;
+    }
+
+    // The lines the installer recorded, each without its line end.
+    std::vector<std::wstring> Recorded() {
+        const auto bytes = platform::ReadWholeFile(record_);
+        if (!bytes) return {};
+        std::wstring text = core::WideFromUtf8(std::string(bytes->begin(), bytes->end()));
+        if (!text.empty() && text.back() == L'\n') text.pop_back();
+        return core::Split(text, L'\n');
+    }
+
+    std::wstring scratch_;
+    std::wstring installer_;
+    std::wstring record_;
+    std::vector<std::wstring> created_;
+};
+
+TEST_F(ProcessAdapterTest, ReturnsTheWholeExitCodeAndRunsTheLineAsGiven) {
+    const ScopedEnvironment record(L"TEST_INSTALLER_RECORD", record_);
+    const std::wstring line = OrelAgent::CommandLine(installer_, 1, L"ADDLOCAL=ALL");
+    for (const wchar_t* code : {L"3010", L"1603", L"-4", L"0"}) {
+        const ScopedEnvironment exitCode(L"TEST_INSTALLER_EXIT_CODE", code);
+        const platform::ProcessRun run = platform::RunProcessAndWait(line);
+        ASSERT_EQ(run.outcome, platform::ProcessOutcome::kExited) << run.error;
+        EXPECT_EQ(run.exitCode, static_cast<std::uint32_t>(std::stol(code)));
+    }
+    const auto lines = Recorded();
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0], line);
+}
+
+TEST_F(ProcessAdapterTest, AQuotedPathWithABlankRunsThatProgramNotAPlantedPrefix) {
+    ASSERT_TRUE(::CreateDirectoryW((scratch_ + L"\\with blank").c_str(), nullptr));
+    const std::wstring setup = Track(scratch_ + L"\\with blank\\setup.exe");
+    ASSERT_TRUE(::CopyFileW(installer_.c_str(), setup.c_str(), FALSE));
+    // What an unquoted line would start first: a program named after the path up to the blank.
+    ASSERT_TRUE(platform::WriteWholeFile(Track(scratch_ + L"\\with.exe"), {'M', 'Z', 0, 0}));
+
+    const ScopedEnvironment record(L"TEST_INSTALLER_RECORD", record_);
+    const ScopedEnvironment exitCode(L"TEST_INSTALLER_EXIT_CODE", L"1641");
+    const std::wstring line = GenericAgent::CommandLine(setup, L"").value();
+    ASSERT_EQ(line.front(), L'"');
+    const platform::ProcessRun run = platform::RunProcessAndWait(line);
+    ASSERT_EQ(run.outcome, platform::ProcessOutcome::kExited) << run.error;
+    EXPECT_EQ(run.exitCode, 1641u);
+    EXPECT_EQ(Recorded(), std::vector<std::wstring>{line});
+
+    // The same line unquoted reaches the planted file first (which is no valid program here).
+    const platform::ProcessRun unquoted = platform::RunProcessAndWait(setup + L" /s /v /qn");
+    EXPECT_EQ(unquoted.outcome, platform::ProcessOutcome::kCreateFailed);
+    EXPECT_EQ(unquoted.error, static_cast<std::uint32_t>(ERROR_BAD_EXE_FORMAT));
+    EXPECT_EQ(Recorded().size(), 1u);
+}
+
+TEST_F(ProcessAdapterTest, AMissingProgramIsACreateFailureWithItsError) {
+    const platform::ProcessRun run =
+        platform::RunProcessAndWait(scratch_ + L"\\missing\\setup.exe /s /v /qn");
+    EXPECT_EQ(run.outcome, platform::ProcessOutcome::kCreateFailed);
+    EXPECT_TRUE(run.error == ERROR_FILE_NOT_FOUND || run.error == ERROR_PATH_NOT_FOUND)
+        << run.error;
+}
+
+}  // namespace
