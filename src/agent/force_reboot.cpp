@@ -1,12 +1,7 @@
 #include "agent/force_reboot.h"
 
-namespace {
-bool g_forceReboot = false;  // the tool is single-threaded
-}  // namespace
+#include "state/update_record.h"
 
-void SetForceReboot(bool force) {
-    g_forceReboot = force;
-}
-bool ForceReboot() {
-    return g_forceReboot;
-}
+// The flag lives in the update record, where the state writers and the restart step read it.
+void SetForceReboot(bool force) { ActiveUpdateRecord().forceReboot = force; }
+bool ForceReboot() { return ActiveUpdateRecord().forceReboot; }
