@@ -1,5 +1,6 @@
 #pragma once
 // Files and folders. Failures set the thread's last error (platform/system.h) and return false.
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,5 +20,28 @@ bool DeleteFilePath(const std::wstring& path);
 // Creates or truncates the file (no sharing while open) and writes the bytes in full.
 bool WriteWholeFile(const std::wstring& path, const std::vector<std::uint8_t>& bytes);
 std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::wstring& path);
+
+// Opens the file for reading without sharing, creating it empty when missing (OPEN_ALWAYS), maps
+// it read-only and hands the mapped bytes to `use`. False (last error set) when any step fails;
+// an empty file cannot be mapped and fails too. Everything is released before it returns.
+template <typename F>
+bool WithFileMappedCreatingIfMissing(const std::wstring& path, F&& use);
+bool MapFileCreatingIfMissing(const std::wstring& path,
+                              void (*use)(const std::uint8_t* data, std::size_t size, void* context),
+                              void* context);
+
+// Opens the file for writing (FILE_SHARE_WRITE, OPEN_ALWAYS) and writes the bytes from offset 0 in
+// one write. Whatever the file held beyond them stays: it is not truncated.
+bool WriteFileFromStart(const std::wstring& path, const std::vector<std::uint8_t>& bytes);
+
+template <typename F>
+bool WithFileMappedCreatingIfMissing(const std::wstring& path, F&& use) {
+    return MapFileCreatingIfMissing(
+        path,
+        [](const std::uint8_t* data, std::size_t size, void* context) {
+            (*static_cast<F*>(context))(data, size);
+        },
+        &use);
+}
 
 }  // namespace platform

@@ -46,6 +46,9 @@ std::uint32_t RegistryQueryValue(Hive hive, const std::wstring& key, const std::
 std::uint32_t RegistrySetValue(Hive hive, const std::wstring& key, const std::wstring& name,
                                const RegistryValue& value, bool view32, bool volatileKey);
 
+// Creates the key (and every missing key above it) unless it exists, non-volatile.
+std::uint32_t RegistryCreateKey(Hive hive, const std::wstring& key, bool view32);
+
 // Opens the key for KEY_SET_VALUE and deletes the value. keyOpened tells the two failures apart.
 std::uint32_t RegistryDeleteValue(Hive hive, const std::wstring& key, const std::wstring& name,
                                   bool view32, bool& keyOpened);
@@ -59,6 +62,10 @@ std::uint32_t RegistryEnumValues(Hive hive, const std::wstring& key, bool view32
 // Whether the key opens (KEY_QUERY_VALUE). For CurrentUser the calling user's own hive is used
 // (RegOpenCurrentUser), so that impersonation is honoured.
 std::uint32_t RegistryOpenKey(Hive hive, const std::wstring& key, bool view32);
+
+// Whether the key opens for KEY_READ under the hive's predefined handle as it is (no per-user hive
+// lookup, no WOW64 flag); the key is closed again at once.
+std::uint32_t RegistryOpenKeyForRead(Hive hive, const std::wstring& key);
 
 // %VAR% expansion for REG_EXPAND_SZ values.
 std::wstring ExpandEnvironment(const std::wstring& text);

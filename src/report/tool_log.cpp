@@ -42,12 +42,14 @@ std::wstring FormatTimestamp(const std::tm& time, wchar_t dateSeparator, wchar_t
     return text;
 }
 
-std::wstring ToolLogFolder() {
+std::wstring LogsRoot() {
     std::wstring root = RegReadString(CurrentProductRoot() + L"\\InstallLogsDir", L"");
     if (root.empty()) root = RegReadString(LegacyProductRoot() + L"\\InstallLogsDir", L"");
     if (root.empty()) root = GetWorkspace();
-    return core::PathJoin(root, L"updatetool");
+    return root;
 }
+
+std::wstring ToolLogFolder() { return core::PathJoin(LogsRoot(), L"updatetool"); }
 
 std::wstring ToolLogFileName(const std::tm& time) {
     return core::Format(L"Quorvane_Agent_Update_%d%02d%02d%02d%02d%02d.log", time.tm_year + 1900,

@@ -55,7 +55,11 @@ void LogF(std::wstring_view pattern, const Args&... args) {
 std::wstring FormatTimestamp(const std::tm& time, wchar_t dateSeparator, wchar_t timeSeparator,
                              wchar_t millisecondSeparator, int milliseconds);
 
-// The folder the log file goes into ("...\updatetool").
+// The logs root: InstallLogsDir of the current product key, else of the legacy one, else the
+// workspace folder.
+std::wstring LogsRoot();
+
+// The folder the log file goes into ("<logs root>\updatetool").
 std::wstring ToolLogFolder();
 
 // "Quorvane_Agent_Update_YYYYMMDDhhmmss.log" for the given local time.

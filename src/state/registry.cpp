@@ -186,6 +186,13 @@ bool RegWriteValue(const std::wstring& path, const std::wstring& text, std::uint
 bool RegWriteVolatileString(const std::wstring& path, const std::wstring& text) {
     const RegistryPath parts = SplitRegistryPath(path);
     if (!parts.hive) return false;
+    // The system makes every key it has to create on the way volatile too; a product key made
+    // volatile would refuse the update key's non-volatile values. Create the parents first.
+    const auto cut = parts.key.rfind(L'\\');
+    if (cut != std::wstring::npos &&
+        platform::RegistryCreateKey(*parts.hive, parts.key.substr(0, cut), false) !=
+            platform::status::kSuccess)
+        return false;
     platform::RegistryValue raw{regtype::kSz, core::Utf16BytesFromWide(text, true)};
     return platform::RegistrySetValue(*parts.hive, parts.key, parts.value, raw, false, true) ==
            platform::status::kSuccess;

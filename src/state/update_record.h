@@ -103,6 +103,9 @@ struct UpdateRecord : UpdateKeyValues {
     // Outcome of this run, stored as ERRORCODE and ERRORDESC.
     std::wstring errorCode;
     std::wstring errorDesc;
+    // Installed and offered version of the last agent the run launched; empty when none ran.
+    std::wstring installedVersion;
+    std::wstring updateVersion;
     // A restart is due at the end of the run (stored as NeedReboot).
     bool forceReboot = false;
 

@@ -88,3 +88,47 @@ std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::wstring& path)
 }
 
 }  // namespace platform
+
+namespace platform {
+
+bool MapFileCreatingIfMissing(const std::wstring& path,
+                              void (*use)(const std::uint8_t* data, std::size_t size, void* context),
+                              void* context) {
+    auto& s = fake::State();
+    if (s.locked.count(path)) {
+        s.lastError = 32;
+        return false;
+    }
+    if (!s.files.count(path)) {
+        if (!FolderExists(ParentOf(path))) {
+            s.lastError = status::kPathNotFound;
+            return false;
+        }
+        s.files[path] = {};
+    }
+    const std::vector<std::uint8_t>& bytes = s.files[path];
+    if (bytes.empty()) {
+        s.lastError = 1006;  // ERROR_FILE_INVALID: an empty file cannot be mapped
+        return false;
+    }
+    use(bytes.data(), bytes.size(), context);
+    return true;
+}
+
+bool WriteFileFromStart(const std::wstring& path, const std::vector<std::uint8_t>& bytes) {
+    auto& s = fake::State();
+    if (s.locked.count(path)) {
+        s.lastError = 32;
+        return false;
+    }
+    if (!s.files.count(path) && !FolderExists(ParentOf(path))) {
+        s.lastError = status::kPathNotFound;
+        return false;
+    }
+    std::vector<std::uint8_t>& file = s.files[path];
+    if (file.size() < bytes.size()) file.resize(bytes.size());
+    std::copy(bytes.begin(), bytes.end(), file.begin());
+    return true;
+}
+
+}  // namespace platform

@@ -14,6 +14,7 @@
 #include "core/text.h"
 #include "platform/clock.h"
 #include "platform/registry.h"
+#include "platform/restart.h"
 #include "platform/system.h"
 
 namespace fake {
@@ -53,6 +54,10 @@ struct PlatformState {
     platform::LocalTime now{};
     std::int64_t utcSeconds = 1772460189;
     std::vector<std::uint32_t> sleeps;  // every requested sleep, in milliseconds
+
+    // Restart.
+    int restartRequests = 0;
+    platform::RestartOutcome restartOutcome = platform::RestartOutcome::kInitiated;
 
     // ---- Agents: installer processes, the installer database, the machine, file search ----
     // Processes: each run takes the next scripted entry (an empty script means "exited with 0")

@@ -154,6 +154,11 @@ std::uint32_t RegistrySetValue(Hive hive, const std::wstring& key, const std::ws
     return status::kSuccess;
 }
 
+std::uint32_t RegistryCreateKey(Hive hive, const std::wstring& key, bool view32) {
+    fake::RegistryKey* node = nullptr;
+    return fake::Create(hive, key, view32, false, node);
+}
+
 std::uint32_t RegistryDeleteValue(Hive hive, const std::wstring& key, const std::wstring& name,
                                   bool view32, bool& keyOpened) {
     fake::RegistryKey* node = nullptr;
@@ -191,6 +196,11 @@ std::uint32_t RegistryEnumValues(Hive hive, const std::wstring& key, bool view32
 std::uint32_t RegistryOpenKey(Hive hive, const std::wstring& key, bool view32) {
     fake::RegistryKey* node = nullptr;
     return fake::Open(hive, key, view32, node);
+}
+
+std::uint32_t RegistryOpenKeyForRead(Hive hive, const std::wstring& key) {
+    fake::RegistryKey* node = nullptr;
+    return fake::Open(hive, key, false, node);
 }
 
 std::wstring ExpandEnvironment(const std::wstring& text) {

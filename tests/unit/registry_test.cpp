@@ -136,9 +136,7 @@ TEST_F(RegistryTest, RefusesIntegerTextThatDoesNotFit) {
     EXPECT_FALSE(fake::GetRegistryValue(L"HKLM\\Software\\W\\D").has_value());
 }
 
-TEST_F(RegistryTest, VolatileWriteCreatesAVolatileKey) {
-    // The system creates every missing key of the path volatile; the product key exists already.
-    fake::CreateRegistryKey(L"HKLM\\Software\\Quorvane\\Lumenar\\Agent");
+TEST_F(RegistryTest, VolatileWriteCreatesAVolatileKeyUnderNonVolatileParents) {
     ASSERT_TRUE(RegWriteVolatileString(
         L"HKLM\\Software\\Quorvane\\Lumenar\\Agent\\UpdateStatusVolatile\\NeedReboot", L"1"));
     EXPECT_TRUE(fake::IsVolatileKey(L"HKLM\\Software\\Quorvane\\Lumenar\\Agent\\UpdateStatusVolatile"));

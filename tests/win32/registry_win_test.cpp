@@ -69,6 +69,14 @@ TEST_F(RegistryAdapterTest, VolatileKeysRefuseNonVolatileChildren) {
     EXPECT_TRUE(RegWriteValue(L"HKLM\\Software\\Root\\Plain\\Child\\X", L"1", regtype::kSz));
 }
 
+TEST_F(RegistryAdapterTest, RestartMarkerLeavesMissingParentsNonVolatile) {
+    // A legacy upgrade may find no current product key: the marker must not make it volatile.
+    ASSERT_TRUE(RegWriteVolatileString(
+        L"HKLM\\Software\\Fresh\\Agent\\UpdateStatusVolatile\\NeedReboot", L"1"));
+    EXPECT_TRUE(RegWriteValue(L"HKLM\\Software\\Fresh\\Agent\\Update\\{A}\\STATE", L"WAIT",
+                              regtype::kSz));
+}
+
 TEST_F(RegistryAdapterTest, EnumeratesSubkeysAndValues) {
     for (const wchar_t* id : {L"{B}", L"{A}"})
         ASSERT_TRUE(RegWriteValue(std::wstring(L"HKLM\\Software\\U\\") + id + L"\\STATE", L"READY",

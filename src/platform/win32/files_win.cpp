@@ -62,3 +62,56 @@ std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::wstring& path)
 }
 
 }  // namespace platform
+
+namespace platform {
+namespace {
+struct MappedViewTraits {
+    using Type = const void*;
+    static Type Invalid() noexcept { return nullptr; }
+    static void Close(Type view) noexcept { ::UnmapViewOfFile(view); }
+};
+using UniqueMappedView = core::UniqueHandle<MappedViewTraits>;
+}  // namespace
+
+bool MapFileCreatingIfMissing(const std::wstring& path,
+                              void (*use)(const std::uint8_t* data, std::size_t size, void* context),
+                              void* context) {
+    win32::UniqueFileHandle file(::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_ALWAYS,
+                                               FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) return false;
+    LARGE_INTEGER size{};
+    if (!::GetFileSizeEx(file.get(), &size)) return false;
+    if (size.QuadPart == 0) {
+        ::SetLastError(ERROR_FILE_INVALID);  // an empty file cannot be mapped
+        return false;
+    }
+    if (static_cast<unsigned long long>(size.QuadPart) > SIZE_MAX) {
+        ::SetLastError(ERROR_FILE_TOO_LARGE);
+        return false;
+    }
+    win32::UniqueKernelHandle mapping(
+        ::CreateFileMappingW(file.get(), nullptr, PAGE_READONLY, 0, 0, nullptr));
+    if (!mapping) return false;
+    UniqueMappedView view(::MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, 0));
+    if (!view) return false;
+    use(static_cast<const std::uint8_t*>(view.get()), static_cast<std::size_t>(size.QuadPart),
+        context);
+    return true;
+}
+
+bool WriteFileFromStart(const std::wstring& path, const std::vector<std::uint8_t>& bytes) {
+    win32::UniqueFileHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_WRITE,
+                                               nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                                               nullptr));
+    if (!file) return false;
+    if (bytes.size() > MAXDWORD) {
+        ::SetLastError(ERROR_FILE_TOO_LARGE);
+        return false;
+    }
+    DWORD written = 0;
+    return ::WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written,
+                       nullptr) &&
+           written == bytes.size();
+}
+
+}  // namespace platform

@@ -70,6 +70,14 @@ std::uint32_t RegistrySetValue(Hive hive, const std::wstring& key, const std::ws
     return static_cast<std::uint32_t>(status);
 }
 
+std::uint32_t RegistryCreateKey(Hive hive, const std::wstring& key, bool view32) {
+    UniqueRegistryKey handle;
+    return static_cast<std::uint32_t>(::RegCreateKeyExW(HiveHandle(hive), key.c_str(), 0, nullptr,
+                                                        REG_OPTION_NON_VOLATILE,
+                                                        WithView(KEY_QUERY_VALUE, view32), nullptr,
+                                                        handle.put(), nullptr));
+}
+
 std::uint32_t RegistryDeleteValue(Hive hive, const std::wstring& key, const std::wstring& name,
                                   bool view32, bool& keyOpened) {
     UniqueRegistryKey handle;
@@ -126,6 +134,11 @@ std::uint32_t RegistryOpenKey(Hive hive, const std::wstring& key, bool view32) {
     UniqueRegistryKey handle;
     return static_cast<std::uint32_t>(::RegOpenKeyExW(
         parent, key.c_str(), 0, WithView(KEY_QUERY_VALUE, view32), handle.put()));
+}
+
+std::uint32_t RegistryOpenKeyForRead(Hive hive, const std::wstring& key) {
+    UniqueRegistryKey handle;
+    return OpenKey(hive, key, KEY_READ, false, handle);
 }
 
 std::wstring ExpandEnvironment(const std::wstring& text) {

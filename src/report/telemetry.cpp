@@ -1,0 +1,95 @@
+#include "report/telemetry.h"
+
+#include <json/json.h>
+
+#include <memory>
+
+#include "core/core_exception.h"
+#include "core/text.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "platform/system.h"
+#include "report/tool_log.h"
+#include "state/update_record.h"
+
+namespace {
+
+constexpr const wchar_t* kFunction = L"Util_UpdateDataForTelemetry";
+constexpr std::uint32_t kErrorInvalidData = 13;
+
+Json::String Utf8(const std::wstring& text) { return core::Utf8FromWide(text); }
+
+// Loads the existing document into root. False when the file could not be opened, mapped or
+// parsed; after a parse failure root keeps what the parser made of it.
+bool LoadDocument(const std::wstring& path, Json::Value& root) {
+    bool parsed = false;
+    const bool mapped = platform::WithFileMappedCreatingIfMissing(
+        path, [&root, &parsed](const std::uint8_t* data, std::size_t size) {
+            Json::CharReaderBuilder builder;
+            builder["collectComments"] = true;
+            std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+            const char* begin = reinterpret_cast<const char*>(data);
+            Json::String errors;
+            parsed = reader->parse(begin, begin + size, &root, &errors);
+        });
+    if (mapped && !parsed) platform::SetLastError(kErrorInvalidData);
+    return mapped && parsed;
+}
+
+}  // namespace
+
+std::wstring TelemetryFilePath() {
+    return LogsRoot() + L"\\updatetool" + L"\\UpdateToolTelemetryData.json";
+}
+
+Json::Value TelemetryEntry(long long timestamp) {
+    const UpdateRecord& record = ActiveUpdateRecord();
+    Json::Value entry(Json::objectValue);
+    entry["updatedGUID"] = Utf8(record.keyId);
+    entry["type"] = Utf8(record.agent);
+    entry["fileName"] = Utf8(record.fileName);
+    entry["version"] = Utf8(record.version);
+    entry["timestamp"] = Json::Int64{timestamp};
+    entry["status"] = Utf8(stateStr(record.state));
+    entry["attempt"] = record.retry;
+    entry["result"] = Utf8(record.result);
+    if (!record.installedVersion.empty()) entry["fromVersion"] = Utf8(record.installedVersion);
+    if (!record.errorCode.empty()) entry["errorCode"] = Utf8(record.errorCode);
+    if (!record.errorDesc.empty()) entry["errorDescription"] = Utf8(record.errorDesc);
+    return entry;
+}
+
+bool Util_UpdateDataForTelemetry() {
+    const UpdateRecord& record = ActiveUpdateRecord();
+    if (record.keyId.empty()) {
+        LogF(L"%s: UpdateID empty", kFunction);
+        return false;
+    }
+    const long long timestamp = platform::UtcSecondsNow();
+    platform::CreateFolder(LogsRoot() + L"\\updatetool");  // an existing folder is the normal case
+    const std::wstring path = TelemetryFilePath();
+
+    Json::Value root;
+    if (LoadDocument(path, root))
+        LogF(L"%s: Loading from json file %s completed", kFunction, path);
+    else
+        LogF(L"%s: Json file - %s , doesn't exist", kFunction, path);
+
+    std::string text;
+    try {
+        root["updateTool"].append(TelemetryEntry(timestamp));
+        text = Json::writeString(Json::StreamWriterBuilder(), root);
+    } catch (const Json::LogicError& error) {
+        // A document of another shape (a top level that is no object, an "updateTool" that is no
+        // array) belongs to someone else: leave it as it is rather than overwrite it.
+        LogF(L"%s: Failed to save to json file - %s (%s)", kFunction, path,
+             core::WideFromUtf8(error.what()));
+        return false;
+    }
+    if (!platform::WriteFileFromStart(path, std::vector<std::uint8_t>(text.begin(), text.end()))) {
+        LogF(L"%s: Failed to save to json file - %s", kFunction, path);
+        return false;
+    }
+    LogF(L"%s: Saving to json file - %s completed", kFunction, path);
+    return true;
+}
