@@ -2,11 +2,9 @@
 
 #include <limits>
 
-namespace {
+#include "core/tokenizer.h"
 
-bool IsSeparator(wchar_t c) {
-    return c == L'.' || c == L'-' || c == L'_';
-}
+namespace {
 
 bool IsCSpace(wchar_t c) {
     return c == L' ' || c == L'\t' || c == L'\n' || c == L'\v' || c == L'\f' || c == L'\r';
@@ -51,32 +49,6 @@ Magnitude ReadMagnitude(std::wstring_view text) {
 
 }  // namespace
 
-std::vector<std::wstring> SplitVersionTokens(std::wstring_view text) {
-    std::vector<std::wstring> tokens;
-    std::size_t i = 0;
-    for (;;) {
-        while (i < text.size() && IsSeparator(text[i])) ++i;
-        std::wstring token;
-        if (i < text.size() && (text[i] == L'"' || text[i] == L'\'')) {
-            const wchar_t quote = text[i++];
-            while (i < text.size()) {
-                if (text[i] != quote) {
-                    token += text[i++];
-                } else if (i + 1 < text.size() && text[i + 1] == quote) {
-                    token += quote;
-                    i += 2;
-                } else {
-                    ++i;
-                    break;
-                }
-            }
-        }
-        while (i < text.size() && !IsSeparator(text[i])) token += text[i++];
-        if (token.empty()) return tokens;
-        tokens.push_back(std::move(token));
-    }
-}
-
 std::int32_t ReadLongAutoBase(std::wstring_view text) {
     const Magnitude m = ReadMagnitude(text);
     constexpr auto kMax = static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max());
@@ -97,7 +69,7 @@ std::uint32_t ReadUnsignedLongAutoBase(std::wstring_view text) {
 }
 
 bool ParseVersionText(std::wstring_view text, VersionNumbers& parts) {
-    const std::vector<std::wstring> tokens = SplitVersionTokens(text);
+    const std::vector<std::wstring> tokens = core::SplitTokens(text, L".-_");
     if (tokens.size() < 3) return false;
     for (std::size_t i = 0; i < parts.leading.size(); ++i)
         parts.leading[i] = ReadLongAutoBase(tokens[i]);

@@ -5,19 +5,12 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
 struct VersionNumbers {
     std::array<std::int32_t, 3> leading{};  // major, minor, patch; signed
     std::uint32_t build = 0;                // unsigned
     bool operator==(const VersionNumbers&) const = default;
 };
-
-// Tokens separated by runs of '.', '-' and '_'. A token that begins with a single or double quote
-// runs to the next quote of the same kind (that quote doubled stands for one; an unclosed quote
-// runs to the end), and text right after the closing quote belongs to the same token. An empty
-// token ends the list.
-std::vector<std::wstring> SplitVersionTokens(std::wstring_view text);
 
 // strtol / strtoul with base 0 as the Windows C runtime reads them (long is 32 bits there):
 // leading white space, a sign, "0x" for hexadecimal, a leading "0" for octal; reading stops at the
@@ -26,8 +19,10 @@ std::vector<std::wstring> SplitVersionTokens(std::wstring_view text);
 std::int32_t ReadLongAutoBase(std::wstring_view text);
 std::uint32_t ReadUnsignedLongAutoBase(std::wstring_view text);
 
-// Fewer than three tokens: false, parts untouched. Otherwise the first three tokens are the
-// leading numbers and a fourth, when present, the build number; further tokens are ignored.
+// The text is split into tokens at runs of '.', '-' and '_', with quotes grouping as on a command
+// line (core/tokenizer.h). Fewer than three tokens: false, parts untouched. Otherwise the first
+// three tokens are the leading numbers and a fourth, when present, the build number; further
+// tokens are ignored.
 bool ParseVersionText(std::wstring_view text, VersionNumbers& parts);
 
 // The comparison proper, given whether an upgrade is already known to be needed (the result never

@@ -1,15 +1,41 @@
 #include "app/entry.h"
 
+#include "app/app.h"
+#include "download/download.h"
 #include "core/text.h"
 #include "platform/clock.h"
 #include "platform/system.h"
+#include "report/reboot.h"
+#include "report/telemetry.h"
 #include "report/tool_log.h"
 #include "state/registry.h"
+#include "state/state_transitions.h"
 #include "state/update_record.h"
 
 namespace {
 constexpr const wchar_t* kFunction = L"wmain";
 constexpr std::uint32_t kErrorAlreadyExists = 183;
+
+// The package has been checked against the host and the installed agents: install it.
+RunResult Install(App& app) {
+    if (!app.CheckPlatform()) return run_result::kIncompatible;
+    if (!app.CheckVersion()) return run_result::kNoAgent;
+    return app.Update();
+}
+
+// One step forward: the preflight checks, or the download, or (already downloaded) the install.
+RunResult RunStep(App& app) {
+    if (app.preflight) {
+        if (!(app.legacyWorkflow && ReadPreflightCheckComplete()))
+            return app.performPreflightChecks();
+        LogF(L"%s: legacy workflow in use and preflight check is already completed, skipping it "
+             L"for relaunch",
+             kFunction);
+    }
+    // A download run ends here; its outcome is in RESULT.
+    if (!Util_DoDownload()) return run_result::kFailure;
+    return Install(app);
+}
 }  // namespace
 
 void WaitForPendingToolReboot() {
@@ -41,7 +67,15 @@ RunResult RunTool() {
     WaitForPendingToolReboot();
 
     RunResult result = run_result::kFailure;
-    // Set-up, preflight, download, install, state, telemetry and restart steps come here.
+    App app;
+    if (app.Setup()) result = RunStep(app);
+
+    // Whatever happened, the outcome is recorded; failures here never change the result.
+    if (!Util_UpdateDone(result, app.legacyWorkflow))
+        LogF(L"%s: failed to save the update state", kFunction);
+    if (!Util_UpdateDataForTelemetry()) LogF(L"%s: failed to save the telemetry data", kFunction);
+    app.Cleanup();
+    Util_CheckReboot();
 
     LogF(L"%s: Updatetool rc = %s", kFunction, RunResultName(result));
     return result;

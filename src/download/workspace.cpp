@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "core/text.h"
+#include "download/download.h"
 #include "platform/files.h"
 #include "platform/system.h"
 #include "report/tool_log.h"
@@ -49,7 +50,7 @@ std::wstring GetWorkspace() {
     WorkspaceState& state = State();
     if (!state.workspace) {
         state.workspace = ComputeWorkspace();
-        // The content client's log callback is registered here once the client exists.
+        RegisterContentClientLog();
     }
     return *state.workspace;
 }

@@ -12,7 +12,7 @@ import subprocess
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-BIN = ROOT / "build" / "windows" / "bin"
+BIN = pathlib.Path(os.environ.get("UPDATETOOL_BIN") or ROOT / "build" / "windows" / "bin")  # another build's bin/
 TOOL = BIN / "updatetool.exe"
 
 CURRENT_ROOT = r"HKEY_LOCAL_MACHINE\Software\Quorvane\Lumenar"

@@ -13,9 +13,11 @@
 
 #include "core/text.h"
 #include "platform/clock.h"
+#include "platform/disk.h"
 #include "platform/registry.h"
 #include "platform/restart.h"
 #include "platform/system.h"
+#include "platform/windows_update.h"
 
 namespace fake {
 
@@ -78,6 +80,21 @@ struct PlatformState {
     };
     std::map<std::wstring, InstalledProduct, core::NoCaseLess> installedProducts;
     std::uint16_t nativeArchitecture = 9;  // x64
+
+    // ---- Preflight: the Windows Update probe, the current directory, disk space ----
+    // Each update-installer query takes the next scripted answer (an empty script means "created,
+    // not busy"). A query made outside an initialised apartment fails as COM would
+    // (CO_E_NOTINITIALIZED), so a missing ComInitializeMultithreaded shows up in tests.
+    std::deque<platform::UpdateInstallerBusy> updateInstallerScript;
+    int updateInstallerQueries = 0;
+    platform::ComResult comInitializeResult = 0;  // S_OK; 1 is S_FALSE, negative a failure
+    int comInitializeCalls = 0;
+    int comUninitializeCalls = 0;
+    std::wstring currentDirectory = L"C:\\Program Files\\Quorvane";
+    std::uint32_t currentDirectoryError = 0;  // non-zero: GetCurrentDirectoryW fails with it
+    platform::DiskSpace diskSpace{64ull << 30, 128ull << 30, 64ull << 30};
+    std::uint32_t diskSpaceError = 0;           // non-zero: GetDiskFreeSpaceExW fails with it
+    std::vector<std::wstring> diskSpaceQueries;  // the paths asked about, in order
 };
 
 PlatformState& State();

@@ -1,5 +1,7 @@
 #include "fake_platform.h"
 
+#include "fake_content_client.h"
+
 namespace fake {
 
 PlatformState& State() {
@@ -9,6 +11,7 @@ PlatformState& State() {
 
 void Reset() {
     State() = PlatformState{};
+    ContentClient() = ContentClientState{};
     State().now.tm.tm_year = 126;  // 2026-03-02 14:03:09
     State().now.tm.tm_mon = 2;
     State().now.tm.tm_mday = 2;

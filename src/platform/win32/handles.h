@@ -36,4 +36,14 @@ struct FindHandleTraits {
 };
 using UniqueFindHandle = core::UniqueHandle<FindHandleTraits>;
 
+// A COM interface pointer: its "none" is null, and giving it up is Release.
+template <typename Interface>
+struct ComInterfaceTraits {
+    using Type = Interface*;
+    static Type Invalid() noexcept { return nullptr; }
+    static void Close(Type pointer) noexcept { pointer->Release(); }
+};
+template <typename Interface>
+using UniqueComInterface = core::UniqueHandle<ComInterfaceTraits<Interface>>;
+
 }  // namespace platform::win32

@@ -1,0 +1,25 @@
+#pragma once
+// A scripted content client: records every call the tool makes, in order, with its arguments as
+// text, and answers the download run with a scripted result code.
+#include <string>
+#include <vector>
+
+namespace fake {
+
+struct ContentClientState {
+    bool available = true;            // false: LoadContentClient fails
+    std::wstring loadError = L"cannot load C:\\Program Files\\Quorvane\\kesclient.dll (error 126)";
+    int runResult = 0;                // what ordinal 1 returns
+    std::vector<std::string> calls;   // "setLogCallback", "usePemFile <path>", ...
+    // The arguments of the last createDownload.
+    std::string id, pacUrl, localFolder, checksum;
+    long long expectedSize = 0;
+    int verifySize = 0, reserved = -1, payloadType = -1;
+    std::vector<std::string> urls, thumbprints, proxies;
+    bool systemStore = false;
+    int liveDownloads = 0;            // created and not yet released
+};
+
+ContentClientState& ContentClient();
+
+}  // namespace fake
