@@ -1,5 +1,6 @@
 """Fixtures for end-to-end scenarios: one Wine prefix per session, a clean product registry and
 log folders for every test."""
+import os
 import pathlib
 import shutil
 
@@ -12,7 +13,8 @@ from wine import BIN, CURRENT_ROOT, LEGACY_ROOT, ROOT, TOOL, WinePrefix
 def prefix():
     if not TOOL.exists():
         pytest.fail(f"{TOOL} is missing: build the windows preset first")
-    wine = WinePrefix(ROOT / "build" / "e2e" / "prefix")
+    # A prefix of one's own when several test runs share the machine.
+    wine = WinePrefix(os.environ.get("UPDATETOOL_E2E_PREFIX") or ROOT / "build" / "e2e" / "prefix")
     wine.create()
     yield wine
     wine.destroy()
