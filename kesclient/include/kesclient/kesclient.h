@@ -80,6 +80,11 @@ typedef void (*KesClientReleaseDownloadFn)(KesClientDownload* download);
 // Ordinal 4: the log sink for every later call (process-wide; null turns logging off).
 typedef void (*KesClientSetLogCallbackFn)(KesClientLogCallback callback);
 
+// Ordinals 5 and 8 choose, for the whole process, how later runs validate servers; the last call
+// wins. A download created with thumbprints is validated by them instead. With no choice at all a
+// run fails with KESCLIENT_INIT_FAILED. The bundle is read when a run starts: an unreadable, empty
+// or invalid one fails that run with KESCLIENT_PEM_FILE_FAILED.
+
 // Ordinal 5: validate servers against the certificates of this PEM bundle only.
 typedef void (*KesClientUsePemFileFn)(const KesClientString* pemPath);
 
