@@ -1,5 +1,8 @@
 #include "app/entry.h"
 
+#include <exception>
+#include <new>
+
 #include "app/app.h"
 #include "download/download.h"
 #include "core/text.h"
@@ -21,6 +24,23 @@ RunResult Install(App& app) {
     if (!app.CheckPlatform()) return run_result::kIncompatible;
     if (!app.CheckVersion()) return run_result::kNoAgent;
     return app.Update();
+}
+
+// Runs one part of the sequence so that a fault inside it (text the registry handed us that is no
+// valid UTF-16, a document of an unexpected shape) ends that part with a log line instead of the
+// process: the closing steps still record the outcome.
+template <typename Step>
+void Guarded(const wchar_t* what, Step&& step) {
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+        throw;  // out of memory: nothing sensible is left to do
+    } catch (const std::exception& error) {
+        std::wstring reason;
+        for (const char* c = error.what(); *c; ++c)
+            reason.push_back(static_cast<unsigned char>(*c) < 0x80 ? static_cast<wchar_t>(*c) : L'?');
+        LogF(L"%s: %s failed: %s", kFunction, what, reason);
+    }
 }
 
 // One step forward: the preflight checks, or the download, or (already downloaded) the install.
@@ -68,14 +88,21 @@ RunResult RunTool() {
 
     RunResult result = run_result::kFailure;
     App app;
-    if (app.Setup()) result = RunStep(app);
+    Guarded(L"update step", [&] {
+        if (app.Setup()) result = RunStep(app);
+    });
 
     // Whatever happened, the outcome is recorded; failures here never change the result.
-    if (!Util_UpdateDone(result, app.legacyWorkflow))
-        LogF(L"%s: failed to save the update state", kFunction);
-    if (!Util_UpdateDataForTelemetry()) LogF(L"%s: failed to save the telemetry data", kFunction);
-    app.Cleanup();
-    Util_CheckReboot();
+    Guarded(L"state update", [&] {
+        if (!Util_UpdateDone(result, app.legacyWorkflow))
+            LogF(L"%s: failed to save the update state", kFunction);
+    });
+    Guarded(L"telemetry", [&] {
+        if (!Util_UpdateDataForTelemetry())
+            LogF(L"%s: failed to save the telemetry data", kFunction);
+    });
+    Guarded(L"clean-up", [&] { app.Cleanup(); });
+    Guarded(L"restart check", [&] { Util_CheckReboot(); });
 
     LogF(L"%s: Updatetool rc = %s", kFunction, RunResultName(result));
     return result;

@@ -74,3 +74,23 @@ TEST_F(EntryTest, BothMarkersStillWaitOnlyOnce) {
 }
 
 }  // namespace
+
+namespace {
+
+// Text in the registry that is no valid UTF-16 (a lone surrogate) cannot be handed to the content
+// client or the telemetry file; the run must still end through its closing steps.
+TEST_F(EntryTest, InvalidRegistryTextEndsTheStepNotTheProcess) {
+    const std::wstring key = CurrentProductRoot() + L"\\Agent\\Update\\{BAD}\\";
+    fake::SetRegistryString(key + L"STATE", L"DOWNLOAD");
+    fake::SetRegistryString(key + L"AGENT", L"OTHER");
+    fake::SetRegistryString(key + L"CERTTYPE", L"CERT_SYSTEM_CA");
+    fake::SetRegistryValue(key + L"URL", {platform::regtype::kMultiSz,
+                                          {'h', 0, 0x00, 0xD8, '.', 0, 'm', 0, 0, 0, 0, 0}});
+    EXPECT_EQ(RunTool(), -1);
+    EXPECT_TRUE(Logged(L"wmain: update step failed: to_mstr Failed\r\n"));
+    EXPECT_TRUE(Logged(L"wmain: telemetry failed: to_mstr Failed\r\n"));
+    EXPECT_TRUE(Logged(L"wmain: Updatetool rc = ERR_FAILURE\r\n"));
+    EXPECT_EQ(RegReadString(key + L"RETRY"), L"1");  // the outcome was still recorded
+}
+
+}  // namespace
