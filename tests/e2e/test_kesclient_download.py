@@ -1,0 +1,394 @@
+"""kesclient.dll under Wine, driven by kesclient_driver.exe against local HTTPS servers: trust modes,
+mirrors and proxies, integrity, resume, tar packages and redirects.
+
+The driver exits with the library's result code and prints its log as "[level] message" lines.
+"""
+import hashlib
+import io
+import os
+import shutil
+import tarfile
+import time
+
+import pytest
+
+from servers import Certificates, ConnectProxy, HttpsServer, PacServer, Resource, unused_port
+from wine import BIN, ROOT, WinePrefix
+
+DRIVER = BIN / "kesclient_driver.exe"
+SUCCESS, PEM_FILE_FAILED, INVALID_THUMBPRINT, DOWNLOAD_FAILED, VERIFY_FAILED = 0, 1, 5, 7, 8
+CERTIFICATE_ERROR, WRONG_SIZE, WRONG_CHECKSUM, INVALID_URI = 9, 10, 11, 12
+FOLDER = r"C:\kes\download"
+
+
+@pytest.fixture(scope="session")
+def prefix():
+    """A prefix of their own: these tests change the machine's root store for a while, and must
+    not meet the tool's scenarios, which may run in build/e2e at the same time."""
+    for program in (DRIVER, BIN / "kesclient.dll"):
+        if not program.exists():
+            pytest.fail(f"{program} is missing: build the windows preset first")
+    wine = WinePrefix(ROOT / "build" / "e2e-kesclient" / "prefix")
+    wine.create()
+    yield wine
+    wine.destroy()
+
+
+@pytest.fixture(scope="session")
+def certs(tmp_path_factory):
+    return Certificates(tmp_path_factory.mktemp("certs"))
+
+
+@pytest.fixture
+def folder(wine):
+    path = wine.unix_path(FOLDER)
+    shutil.rmtree(path.parent, ignore_errors=True)
+    yield path
+    shutil.rmtree(path.parent, ignore_errors=True)
+
+
+@pytest.fixture
+def servers():
+    """Starts servers for one test and stops them at its end."""
+    started = []
+
+    def start(server):
+        started.append(server)
+        return server
+
+    yield start
+    for server in started:
+        server.stop()
+
+
+@pytest.fixture
+def system_root(wine, certs):
+    """The test CA in the machine's Root store for the length of one test."""
+    assert wine.run(DRIVER, "--add-root", windows(certs.ca.pem))[0] == 0
+    yield
+    assert wine.run(DRIVER, "--remove-root", windows(certs.ca.pem))[0] == 0
+
+
+def windows(path):
+    """A Unix path as Wine's Z: drive shows it."""
+    return "Z:" + str(path).replace("/", "\\")
+
+
+class Run:
+    def __init__(self, code, out, seconds):
+        self.code, self.out, self.seconds = code, out, seconds
+
+    def lines(self, level):
+        return [line for line in self.out.splitlines() if line.startswith(f"[{level}]")]
+
+
+def download(wine, urls, body=None, trust="pin", certs=None, pins=(), checksum=None, size=None, payload="exe",
+             proxies=(), pac=None, env=None, extra=()):
+    """Runs the driver; checksum and size default to those of body."""
+    args = ["--folder", FOLDER, "--payload", payload]
+    for url in urls:
+        args += ["--url", url]
+    if trust == "pin":
+        args += ["--trust", "none"]
+        for pin in pins or (certs.localhost.sha256(),):
+            args += ["--pin", pin]
+    elif trust == "system":
+        args += ["--trust", "system"]
+    else:
+        args += ["--trust", "pem:" + windows(trust)]
+    if checksum is None and body is not None:
+        checksum = hashlib.sha256(body).hexdigest()
+    if checksum:
+        args += ["--checksum", checksum]
+    if size is None and body is not None:
+        size = len(body)
+    if size:
+        args += ["--size", str(size)]
+    for proxy in proxies:
+        args += ["--proxy", proxy]
+    if pac:
+        args += ["--pac", pac]
+    started = time.monotonic()
+    code, out, _ = wine.run(DRIVER, *args, *extra, extra_env=env, timeout=180)
+    return Run(code if code >= 0 else code + 256, out, time.monotonic() - started)
+
+
+def leftovers(folder):
+    return sorted(p.name for p in folder.iterdir()) if folder.exists() else []
+
+
+BODY = os.urandom(3 * 1024 * 1024 + 123)
+
+
+# -- trust ----------------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("mode", ["pin-sha1", "pin-sha256", "pin-colons", "pem", "system"])
+def test_each_trust_mode_downloads_a_verified_file(request, wine, certs, folder, servers, mode):
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/pkg/setup.exe", Resource(BODY, etag='"v1"'))
+    pins = {"pin-sha1": [certs.localhost.sha1()], "pin-sha256": [certs.other_ca.sha256(), certs.localhost.sha256()],
+            "pin-colons": [":".join(certs.localhost.sha1()[i:i + 2] for i in range(0, 40, 2)).upper()]}
+    if mode == "system":
+        request.getfixturevalue("system_root")
+    trust = "pin" if mode.startswith("pin") else mode if mode == "system" else certs.ca.pem
+    run = download(wine, [url], BODY, trust=trust, certs=certs, pins=pins.get(mode, ()))
+    assert run.code == SUCCESS, run.out
+    assert (folder / "setup.exe").read_bytes() == BODY
+    assert leftovers(folder) == ["setup.exe"]
+    assert any("SHA-256 verified" in line for line in run.lines("info"))
+    assert any(f"done: {len(BODY)} bytes in" in line for line in run.lines("info"))
+
+
+@pytest.mark.parametrize("case, code", [
+    ("pin-mismatch", INVALID_THUMBPRINT),
+    ("pem-self-signed", CERTIFICATE_ERROR),
+    ("pem-other-ca", CERTIFICATE_ERROR),
+    ("pem-wrong-host", CERTIFICATE_ERROR),
+    ("pem-expired", CERTIFICATE_ERROR),
+    ("system-self-signed", CERTIFICATE_ERROR),
+    ("system-expired", CERTIFICATE_ERROR),
+])
+def test_untrusted_server_is_refused_and_nothing_is_kept(request, wine, certs, folder, servers, case, code):
+    identity = {"self-signed": certs.self_signed, "wrong-host": certs.wrong_host, "expired": certs.expired}.get(
+        case.split("-", 1)[1], certs.localhost)
+    server = servers(HttpsServer(identity))
+    url = server.add("/setup.exe", Resource(BODY))
+    if case.startswith("system"):
+        request.getfixturevalue("system_root")
+    trust = {"pin": "pin", "pem": certs.other_ca.pem if case == "pem-other-ca" else certs.ca.pem,
+             "system": "system"}[case.split("-")[0]]
+    run = download(wine, [url], BODY, trust=trust, certs=certs, pins=[certs.self_signed.sha256()])
+    assert run.code == code, run.out
+    assert leftovers(folder) == []
+
+
+@pytest.mark.parametrize("content", [None, b"", b"-----BEGIN CERTIFICATE-----\nnot base64!\n-----END CERTIFICATE-----\n",
+                                     b"-----BEGIN CERTIFICATE-----\nTWFu\n-----END CERTIFICATE-----\n"])
+def test_unusable_pem_bundle_fails_before_any_connection(wine, certs, folder, servers, tmp_path, content):
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/setup.exe", Resource(BODY))
+    bundle = tmp_path / "bundle.pem"
+    if content is not None:
+        bundle.write_bytes(content)
+    run = download(wine, [url], BODY, trust=bundle)
+    assert run.code == PEM_FILE_FAILED, run.out
+    assert server.requests == []
+
+
+# -- mirrors and proxies --------------------------------------------------------------------------
+
+def test_first_mirror_down_then_second_serves(wine, certs, folder, servers):
+    server = servers(HttpsServer(certs.localhost))
+    good = server.add("/setup.exe", Resource(BODY))
+    run = download(wine, [f"https://localhost:{unused_port()}/setup.exe", good], BODY, certs=certs)
+    assert run.code == SUCCESS, run.out
+    assert any("trying the next location" in line for line in run.lines("warning"))
+    assert (folder / "setup.exe").read_bytes() == BODY
+
+
+def test_content_failure_outranks_a_mirror_that_is_down(wine, certs, folder, servers):
+    server = servers(HttpsServer(certs.localhost))
+    bad = server.add("/setup.exe", Resource(b"x" * len(BODY)))
+    run = download(wine, [bad, f"https://localhost:{unused_port()}/setup.exe"], BODY, certs=certs)
+    assert run.code == WRONG_CHECKSUM, run.out
+    assert leftovers(folder) == []
+
+
+def test_proxies_are_tried_in_order(wine, certs, folder, servers):
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/setup.exe", Resource(BODY))
+    refusing = servers(ConnectProxy(refuse=True))
+    proxy = servers(ConnectProxy())
+    run = download(wine, [url], BODY, certs=certs,
+                   proxies=[f"localhost:{unused_port()}", refusing.address, "socks5://x:1", proxy.address])
+    assert run.code == SUCCESS, run.out
+    assert refusing.requests == [f"CONNECT localhost:{server.port} HTTP/1.1"]
+    assert proxy.requests == [f"CONNECT localhost:{server.port} HTTP/1.1"]
+    assert any("socks5://x:1" in line for line in run.lines("warning"))
+
+
+def test_pac_answer_comes_before_the_list(wine, certs, folder, servers):
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/setup.exe", Resource(BODY))
+    from_pac = servers(ConnectProxy())
+    listed = servers(ConnectProxy())
+    pac = servers(PacServer(f'function FindProxyForURL(url, host) {{ return "PROXY {from_pac.address}"; }}'))
+    run = download(wine, [url], BODY, certs=certs, pac=pac.url, proxies=[listed.address])
+    assert run.code == SUCCESS, run.out
+    assert pac.requests, "the PAC script was not fetched"
+    assert from_pac.requests == [f"CONNECT localhost:{server.port} HTTP/1.1"]
+    assert listed.requests == []
+
+
+# -- integrity ------------------------------------------------------------------------------------
+
+@pytest.mark.parametrize("resource, size, code", [
+    (Resource(BODY), len(BODY) - 1, WRONG_SIZE),                           # announced size differs
+    (Resource(BODY + b"more", length=False), len(BODY), WRONG_SIZE),       # no length, too many bytes
+    (Resource(BODY, length=len(BODY) + 10, cut_after=len(BODY)), len(BODY) + 10, DOWNLOAD_FAILED),
+    (Resource(BODY[:-5], length=False), len(BODY), DOWNLOAD_FAILED),       # short body, clean close
+], ids=["announced", "overlong", "short-with-length", "short-without-length"])
+def test_size_is_counted_against_what_was_announced(wine, certs, folder, servers, resource, size, code):
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/setup.exe", resource)
+    run = download(wine, [url], BODY, certs=certs, size=size, checksum="")
+    assert run.code == code, run.out
+    assert not (folder / "setup.exe").exists()
+
+
+def test_wrong_checksum_deletes_everything(wine, certs, folder, servers):
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/setup.exe", Resource(BODY, etag='"v1"'))
+    run = download(wine, [url], BODY, certs=certs, checksum="sha512:" + hashlib.sha512(b"other").hexdigest())
+    assert run.code == WRONG_CHECKSUM, run.out
+    assert leftovers(folder) == []
+
+
+def test_sha512_checksum_and_a_missing_checksum_warns(wine, certs, folder, servers):
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/setup.exe", Resource(BODY))
+    run = download(wine, [url], BODY, certs=certs, checksum="SHA512:" + hashlib.sha512(BODY).hexdigest().upper())
+    assert run.code == SUCCESS, run.out
+    run = download(wine, [url], BODY, certs=certs, checksum="")
+    assert run.code == SUCCESS, run.out
+    assert any("no checksum" in line for line in run.lines("warning"))
+
+
+# -- resume ---------------------------------------------------------------------------------------
+
+def test_cut_connection_is_resumed_by_the_next_run(wine, certs, folder, servers):
+    server = servers(HttpsServer(certs.localhost))
+    cut = 1_500_000
+    url = server.add("/setup.exe", Resource(BODY, etag='"v1"', cut_after=cut))
+    first = download(wine, [url], BODY, certs=certs)
+    assert first.code == DOWNLOAD_FAILED, first.out
+    assert not (folder / "setup.exe").exists()
+    assert (folder / "setup.exe.partial").stat().st_size == cut
+
+    second = download(wine, [url], BODY, certs=certs)
+    assert second.code == SUCCESS, second.out
+    assert server.requests[-1]["headers"]["range"] == f"bytes={cut}-"
+    assert server.requests[-1]["headers"]["if-range"] == '"v1"'
+    assert (folder / "setup.exe").read_bytes() == BODY
+    assert leftovers(folder) == ["setup.exe"]
+
+
+def test_changed_file_starts_over(wine, certs, folder, servers):
+    # Without a checksum, which would tell the new file from the old one by itself.
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/setup.exe", Resource(BODY, etag='"v1"', cut_after=1_000_000))
+    assert download(wine, [url], BODY, certs=certs, checksum="").code == DOWNLOAD_FAILED
+    new = os.urandom(len(BODY))
+    server.add("/setup.exe", Resource(new, etag='"v2"'))
+    run = download(wine, [url], new, certs=certs, checksum="")
+    assert run.code == SUCCESS, run.out
+    assert server.requests[-1]["headers"]["if-range"] == '"v1"'  # asked, and got the whole new file
+    assert (folder / "setup.exe").read_bytes() == new
+
+
+def test_stall_moves_on_to_the_next_mirror(wine, certs, folder, servers):
+    stalling = servers(HttpsServer(certs.localhost, stall_seconds=20))
+    good = servers(HttpsServer(certs.localhost))
+    urls = [stalling.add("/setup.exe", Resource(BODY, stall_after=100_000)), good.add("/setup.exe", Resource(BODY))]
+    run = download(wine, urls, BODY, certs=certs, env={"KESCLIENT_STALL_TIMEOUT_MS": "1500"})
+    assert run.code == SUCCESS, run.out
+    assert run.seconds < 15
+    assert any("stalled" in line for line in run.lines("warning")), run.out
+
+
+def test_whole_run_is_bounded(wine, certs, folder, servers):
+    stalling = servers(HttpsServer(certs.localhost, stall_seconds=30))
+    stall = (1 << 20) + 100_000
+    urls = [stalling.add(f"/{n}/setup.exe", Resource(BODY, etag='"v1"', stall_after=stall)) for n in (1, 2)]
+    run = download(wine, urls, BODY, certs=certs,
+                   env={"KESCLIENT_RUN_TIMEOUT_MS": "2000", "KESCLIENT_STALL_TIMEOUT_MS": "60000"})
+    assert run.code == DOWNLOAD_FAILED, run.out
+    assert run.seconds < 10
+    assert any("time limit of the run" in line for line in run.lines("error")), run.out
+    assert leftovers(folder) == ["setup.exe.partial", "setup.exe.resume"], run.out  # kept for the next run
+    # A read that times out may lose what it had gathered (Wine's does): at most one buffer.
+    assert 1 << 20 <= (folder / "setup.exe.partial").stat().st_size <= stall
+
+
+# -- tar packages ---------------------------------------------------------------------------------
+
+def tar_archive(entries, compress=True):
+    data = io.BytesIO()
+    with tarfile.open(fileobj=data, mode="w:gz" if compress else "w", format=tarfile.PAX_FORMAT) as archive:
+        for name, content in entries:
+            info = tarfile.TarInfo(name)
+            info.size = len(content)
+            archive.addfile(info, io.BytesIO(content))
+    return data.getvalue()
+
+
+def test_tar_gz_package_is_extracted_into_the_folder(wine, certs, folder, servers):
+    archive = tar_archive([("pkg/setup.exe", BODY), ("pkg/docs/readme.txt", b"hello")])
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/package.tar.gz", Resource(archive))
+    folder.mkdir(parents=True)
+    (folder / "pkg").mkdir()
+    (folder / "pkg" / "setup.exe").write_bytes(b"old version")
+    run = download(wine, [url], archive, certs=certs, payload="tar")
+    assert run.code == SUCCESS, run.out
+    assert (folder / "pkg" / "setup.exe").read_bytes() == BODY
+    assert (folder / "pkg" / "docs" / "readme.txt").read_bytes() == b"hello"
+    assert leftovers(folder) == ["pkg"]  # no archive, no staging folder
+
+
+def test_failed_placement_puts_everything_back(wine, certs, folder, servers):
+    archive = tar_archive([("pkg/a.txt", b"new a"), ("pkg/b.txt", b"new b"), ("pkg/setup.exe", BODY)])
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/package.tgz", Resource(archive))
+    (folder / "pkg" / "setup.exe").mkdir(parents=True)  # a folder where the archive has a file
+    (folder / "pkg" / "b.txt").write_bytes(b"old b")
+    run = download(wine, [url], archive, certs=certs, payload="tar")
+    assert run.code == VERIFY_FAILED, run.out
+    assert sorted(p.name for p in (folder / "pkg").iterdir()) == ["b.txt", "setup.exe"]
+    assert (folder / "pkg" / "b.txt").read_bytes() == b"old b"
+    assert leftovers(folder) == ["pkg"]
+
+
+@pytest.mark.parametrize("bad", [("../evil.txt", b"x"), ("pkg/../../evil.txt", b"x"), ("C:/evil.txt", b"x"),
+                                 ("pkg/aux.txt", b"x")], ids=["dotdot", "deep-dotdot", "drive", "device"])
+def test_unsafe_tar_is_refused_and_writes_nothing(wine, certs, folder, servers, bad):
+    archive = tar_archive([("pkg/setup.exe", b"fine"), bad], compress=False)
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/package.tar", Resource(archive))
+    run = download(wine, [url], archive, certs=certs, payload="tar")
+    assert run.code == VERIFY_FAILED, run.out
+    assert leftovers(folder) == []
+    assert not (folder.parent / "evil.txt").exists()
+
+
+# -- locations and redirects ----------------------------------------------------------------------
+
+def test_redirect_to_https_is_followed_and_checked(wine, certs, folder, servers):
+    server = servers(HttpsServer(certs.localhost))
+    other = servers(HttpsServer(certs.self_signed))
+    url = server.add("/setup.exe", Resource(redirect="/files/setup-1.2.exe"))
+    server.add("/files/setup-1.2.exe", Resource(BODY))
+    run = download(wine, [url], BODY, certs=certs)
+    assert run.code == SUCCESS, run.out
+    assert [r["path"] for r in server.requests] == ["/setup.exe", "/files/setup-1.2.exe"]
+    assert (folder / "setup.exe").read_bytes() == BODY
+
+    # The pin holds at every hop: a redirect to a server with another certificate is refused.
+    server.add("/setup.exe", Resource(redirect=other.add("/setup.exe", Resource(BODY))))
+    run = download(wine, [url], BODY, certs=certs)
+    assert run.code == INVALID_THUMBPRINT, run.out
+
+
+@pytest.mark.parametrize("target", ["http://localhost:{port}/setup.exe", "ftp://localhost/setup.exe"])
+def test_redirect_away_from_https_is_refused(wine, certs, folder, servers, target):
+    server = servers(HttpsServer(certs.localhost))
+    url = server.add("/setup.exe", Resource(redirect=target.format(port=server.port)))
+    run = download(wine, [url], BODY, certs=certs)
+    assert run.code == INVALID_URI, run.out
+    assert len(server.requests) == 1
+    assert leftovers(folder) == []
+
+
+def test_plain_http_location_is_refused(wine, certs, folder):
+    run = download(wine, [f"http://localhost:{unused_port()}/setup.exe"], BODY, certs=certs)
+    assert run.code == INVALID_URI, run.out
