@@ -1,5 +1,5 @@
-// The two agent kinds: their installer command lines, how they read installer exit codes, and how
-// the main agent finds its versions.
+// The two agent kinds: their installer command lines, launch failures, and how the main agent finds
+// its versions. Exit codes are judged through App::Update in app_install_test.cpp.
 #include <memory>
 
 #include "agent/force_reboot.h"
@@ -93,42 +93,7 @@ INSTANTIATE_TEST_SUITE_P(
                      L"\"C:\\Temp dir\\a.exe\" /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1 "
                      L"REBOOT=ReallySuppress"}));
 
-// ---- Installer exit codes, through a launch on the fake platform ----
-
-struct ExitCase {
-    bool generic;
-    std::uint32_t exitCode;
-    LaunchResult result;
-    bool forceReboot;
-};
-
-void PrintTo(const ExitCase& c, std::ostream* os) {
-    *os << (c.generic ? "generic exit " : "main exit ") << c.exitCode;
-}
-
-class AgentExitCodeTest : public AgentKindsTest, public ::testing::WithParamInterface<ExitCase> {};
-
-TEST_P(AgentExitCodeTest, MapsPerKind) {
-    Platform().processScript = {{GetParam().exitCode, 0, 0}};
-    std::unique_ptr<Agent> agent;
-    if (GetParam().generic)
-        agent = std::make_unique<GenericAgent>(L"D:\\pkg\\agent.msi");
-    else
-        agent = std::make_unique<OrelAgent>(L"", L"D:\\pkg\\agent.exe");
-    std::uint32_t exitCode = 77;
-    EXPECT_EQ(agent->Launch(false, launch_mode::kLastOther, L"", exitCode), GetParam().result);
-    EXPECT_EQ(exitCode, GetParam().exitCode);
-    EXPECT_EQ(ForceReboot(), GetParam().forceReboot);
-    EXPECT_EQ(Platform().processesRun.size(), 1u);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Codes, AgentExitCodeTest,
-    ::testing::Values(ExitCase{true, 0, 0, false}, ExitCase{true, 1641, 0, false},
-                      ExitCase{true, 3010, 0, true}, ExitCase{true, 1603, 4, false},
-                      ExitCase{true, 1638, 4, false}, ExitCase{false, 0, 0, false},
-                      ExitCase{false, 1641, 0, false}, ExitCase{false, 3010, 4, false},
-                      ExitCase{false, 1603, 0, false}, ExitCase{false, 1638, 3, false}));
+// ---- Launching ----
 
 TEST_F(AgentKindsTest, LaunchFailuresPassThroughBothKinds) {
     GenericAgent generic(L"D:\\pkg\\agent.exe");
@@ -140,32 +105,6 @@ TEST_F(AgentKindsTest, LaunchFailuresPassThroughBothKinds) {
     exitCode = 3010;
     EXPECT_EQ(OrelAgent(L"", L"").Launch(false, 0, L"", exitCode), launch_result::kNothingToRun);
     EXPECT_FALSE(ForceReboot());
-}
-
-TEST_F(AgentKindsTest, GenericRefusesAnUnknownExtensionBeforeRunning) {
-    std::uint32_t exitCode = 0;
-    EXPECT_EQ(GenericAgent(L"D:\\pkg\\agent.zip").Launch(false, 2, L"", exitCode),
-              launch_result::kInvalidExtension);
-    EXPECT_TRUE(Logged(L"GenericAgent::Launch: invalid extension: D:\\pkg\\agent.zip"));
-    EXPECT_TRUE(Platform().processesRun.empty());
-}
-
-TEST_F(AgentKindsTest, TestModeRunsNothingAndSucceeds) {
-    std::uint32_t exitCode = 1603;
-    EXPECT_EQ(GenericAgent(L"D:\\pkg\\agent.msi").Launch(true, 2, L"", exitCode),
-              launch_result::kDone);
-    EXPECT_EQ(OrelAgent(L"", L"D:\\pkg\\agent.exe").Launch(true, 0, L"", exitCode),
-              launch_result::kDone);
-    EXPECT_EQ(exitCode, 0u);
-    EXPECT_TRUE(Platform().processesRun.empty());
-    EXPECT_TRUE(Logged(L"Agent::LaunchHelper: launching: msiexec /i D:\\pkg\\agent.msi /qn"));
-}
-
-TEST_F(AgentKindsTest, GenericAlwaysWantsItsNamedInstaller) {
-    GenericAgent agent(L"agent.msi");
-    EXPECT_TRUE(agent.GetVersion());
-    EXPECT_TRUE(agent.CompVersion());
-    EXPECT_TRUE(agent.UpdateAvailable(false));
 }
 
 // ---- The main agent's versions ----
@@ -211,13 +150,6 @@ TEST_F(OrelAgentVersionTest, FailsWithoutInstaller) {
     OrelAgent agent(L"", L"");
     EXPECT_FALSE(agent.GetVersion());
     EXPECT_TRUE(Logged(L"OrelAgent::GetVersion: update version not found"));
-}
-
-TEST_F(OrelAgentVersionTest, NamedFileKeepsTheRecordsVersion) {
-    OrelAgent agent(L"8.20.0.1", L"D:\\pkg\\custom.exe");
-    ASSERT_TRUE(agent.GetVersion());
-    EXPECT_TRUE(Logged(
-        L"OrelAgent::GetVersion: updateVersion: 8.20.0.1 updateFileName: D:\\pkg\\custom.exe"));
 }
 
 }  // namespace

@@ -249,7 +249,9 @@ TEST_F(AppInstallTest, InstallerThatNeverRanLogsNoError) {
     auto zip = std::make_unique<GenericAgent>(L"D:\\pkg\\p.zip");
     invalid.updates.push_back(zip.get());
     EXPECT_EQ(invalid.Update(), -1);
+    EXPECT_TRUE(Logged(L"GenericAgent::Launch: invalid extension: D:\\pkg\\p.zip"));
     EXPECT_FALSE(Logged(L"Error code and description"));
+    EXPECT_EQ(Platform().processesRun.size(), 1u);  // only the first, failed, attempt
 }
 
 // ---- Clean-up ----

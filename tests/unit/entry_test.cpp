@@ -22,13 +22,6 @@ TEST_F(EntryTest, KillSwitchRefusesSilentlyBeforeTheMutex) {
     EXPECT_EQ(LinesAfterBanner().find(L"\r\n"), LinesAfterBanner().size() - 2);  // no line after it
 }
 
-TEST_F(EntryTest, KillSwitchIsOnByDefaultAndByFlagText) {
-    EXPECT_EQ(RunTool(), -1);
-    fake::SetRegistryDword(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", 1);
-    Platform().mutexes.clear();
-    EXPECT_EQ(RunTool(), -1);
-}
-
 TEST_F(EntryTest, SecondInstanceLeavesOneLineWithTheProgramName) {
     Platform().mutexes.insert(kSingleInstanceMutexName);
     fake::SetRegistryString(CurrentProductRoot() + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", L"1");
@@ -39,6 +32,9 @@ TEST_F(EntryTest, SecondInstanceLeavesOneLineWithTheProgramName) {
 }
 
 TEST_F(EntryTest, RunThatPassesTheMutexLogsItsResultName) {
+    EXPECT_EQ(RunTool(), -1);  // the kill switch is on by default
+    Platform().mutexes.clear();
+    fake::SetRegistryDword(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", 1);
     EXPECT_EQ(RunTool(), -1);
     EXPECT_TRUE(Platform().mutexes.count(kSingleInstanceMutexName));
     EXPECT_TRUE(Logged(L": wmain: Updatetool rc = ERR_FAILURE\r\n"));
@@ -72,10 +68,6 @@ TEST_F(EntryTest, BothMarkersStillWaitOnlyOnce) {
     WaitForPendingToolReboot();
     EXPECT_EQ(Platform().sleeps.size(), 1u);
 }
-
-}  // namespace
-
-namespace {
 
 // Text in the registry that is no valid UTF-16 (a lone surrogate) cannot be handed to the content
 // client or the telemetry file; the run must still end through its closing steps.

@@ -39,9 +39,6 @@ TEST(PolicyPath, InsertsPoliciesAfterTheFirstComponent) {
     EXPECT_EQ(CORE::PolicyPath(L"Software\\Quorvane\\Lumenar\\Agent"),
               L"Software\\Policies\\Quorvane\\Lumenar\\Agent");
     EXPECT_EQ(CORE::PolicyPath(L"Software"), L"Software\\Policies");
-    EXPECT_EQ(CORE::PathHead(L"Software"), L"Software");
-    EXPECT_EQ(CORE::PathTail(L"Software"), L"");
-    EXPECT_EQ(CORE::PathTail(L"A\\B\\C"), L"B\\C");
 }
 
 // ---- The FallbackToLegacyGPO switch ----

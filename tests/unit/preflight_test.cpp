@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "app/app.h"
-#include "preflight/preflight_error_name.h"
 #include "test_support.h"
 
 namespace {
@@ -214,21 +213,5 @@ TEST_F(PreflightTest, FinalActionsAreLoggedOnceEachInOrder) {
     EXPECT_NE(reboot, std::wstring::npos);
     EXPECT_EQ(Count(L"preflight final actions: "), 3u);
 }
-
-// ---- Error names ----
-
-class PreflightErrorNameTest
-    : public ::testing::TestWithParam<std::pair<RunResult, const wchar_t*>> {};
-
-TEST_P(PreflightErrorNameTest, NamesOnlyTheThreeBlockingResults) {
-    EXPECT_EQ(Util_PreflightErrorName(GetParam().first), GetParam().second);
-}
-
-INSTANTIATE_TEST_SUITE_P(Codes, PreflightErrorNameTest,
-                         ::testing::Values(std::pair{-13, L"PREFLIGHT_ERR_WIN_UPDATE_INPROGRESS"},
-                                           std::pair{-12, L"PREFLIGHT_ERR_INSUFFICIENT_DISKSPACE"},
-                                           std::pair{-11, L"PREFLIGHT_ERR_REBOOT_PENDING"},
-                                           std::pair{-10, L""}, std::pair{-9, L""},
-                                           std::pair{0, L""}, std::pair{-14, L""}));
 
 }  // namespace

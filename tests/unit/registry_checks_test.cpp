@@ -110,11 +110,6 @@ TEST_P(CheckRunTest, AddsItsAction) {
 INSTANTIATE_TEST_SUITE_P(
     Checks, CheckRunTest,
     ::testing::Values(
-        CheckCase{"lower-case prefix",
-                  {{L"KeyPath", L"hklm\\Software\\Target"}, {L"KeyPresentAction", L"ERROR"}},
-                  {},
-                  L"App::performRegistryBasedChecks: preflight check, unable to read keypath for "
-                  L"check: [Check1], no action"},
         CheckCase{"no key path",
                   {{L"KeyPresentAction", L"ERROR"}},
                   {},

@@ -7,6 +7,17 @@
 
 namespace {
 
+std::tm Tm(int year, int month, int day, int hour, int minute, int second) {
+    std::tm tm{};
+    tm.tm_year = year - 1900;
+    tm.tm_mon = month - 1;
+    tm.tm_mday = day;
+    tm.tm_hour = hour;
+    tm.tm_min = minute;
+    tm.tm_sec = second;
+    return tm;
+}
+
 constexpr const wchar_t* kWorkspaceLogs =
     L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data\\updatetool";
 constexpr const wchar_t* kFileName = L"Quorvane_Agent_Update_20260302140309.log";
@@ -112,15 +123,8 @@ struct TimestampCase {
 class FormatTimestampTest : public ::testing::TestWithParam<TimestampCase> {};
 
 TEST_P(FormatTimestampTest, LeavesOutPartsWithoutSeparator) {
-    std::tm tm{};
-    tm.tm_year = 126;
-    tm.tm_mon = 2;
-    tm.tm_mday = 2;
-    tm.tm_hour = 4;
-    tm.tm_min = 3;
-    tm.tm_sec = 9;
     const auto& c = GetParam();
-    EXPECT_EQ(FormatTimestamp(tm, c.date, c.time, c.millis, 7), c.expected);
+    EXPECT_EQ(FormatTimestamp(Tm(2026, 3, 2, 4, 3, 9), c.date, c.time, c.millis, 7), c.expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(Separators, FormatTimestampTest,
@@ -132,14 +136,7 @@ INSTANTIATE_TEST_SUITE_P(Separators, FormatTimestampTest,
                                            TimestampCase{0, 0, 0, L""}));
 
 TEST(ToolLogFileName, PadsEveryFieldButTheYear) {
-    std::tm tm{};
-    tm.tm_year = 126;
-    tm.tm_mon = 0;
-    tm.tm_mday = 5;
-    tm.tm_hour = 0;
-    tm.tm_min = 7;
-    tm.tm_sec = 59;
-    EXPECT_EQ(ToolLogFileName(tm), L"Quorvane_Agent_Update_20260105000759.log");
+    EXPECT_EQ(ToolLogFileName(Tm(2026, 1, 5, 0, 7, 59)), L"Quorvane_Agent_Update_20260105000759.log");
 }
 
 }  // namespace

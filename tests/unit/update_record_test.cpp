@@ -144,14 +144,6 @@ INSTANTIATE_TEST_SUITE_P(
                           ListCase{std::wstring(L"\0a\0\0b\0", 6), {L"a", L"b"}, L"2 [a,b]"},
                           ListCase{L"only", {L"only"}, L"1 [only]"}, ListCase{L"", {}, L"0 []"})));
 
-TEST_F(UpdateRecordTest, EmptyAgentIsAMissingRequiredValue) {
-    ArrangeUpdate(kCurrent, L"u1");
-    fake::SetRegistryString(kCurrent + L"u1\\AGENT", L"");
-    ASSERT_TRUE(UtilGetActiveUpdate());
-    EXPECT_FALSE(UtilGetRegistry());
-    EXPECT_TRUE(Logged(L"UtilGetRegistry: required parameter empty\r\n"));
-}
-
 TEST_F(UpdateRecordTest, ThumbprintsComeFromMetadataInDocumentOrder) {
     ArrangeUpdate(kCurrent, L"u1");
     fake::SetRegistryString(

@@ -61,7 +61,6 @@ protected:
         fake::SetRegistryString(L"HKLM\\Software\\Tessix, Inc.\\Tessix DaaS Agent\\CertFileName",
                                 L"old.pem");
     }
-    static constexpr const char* kNotFound = "does not exist, returning legacy agent cert path ";
 };
 
 TEST_F(PemPathTest, PrefersTheCurrentThenTheLegacyInstallFolder) {

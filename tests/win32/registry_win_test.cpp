@@ -42,13 +42,10 @@ TEST_F(RegistryAdapterTest, RoundTripsRawValuesOfEveryType) {
               2u);
 }
 
-TEST_F(RegistryAdapterTest, ReadsLargeValuesWhole) {
+TEST_F(RegistryAdapterTest, HelpersConvertRealValuesAndReadLargeOnesWhole) {
     const std::wstring big(300000, L'x');
     ASSERT_TRUE(RegWriteValue(L"HKLM\\Software\\T\\Big", big, regtype::kSz));
     EXPECT_EQ(RegReadString(L"HKLM\\Software\\T\\Big"), big);
-}
-
-TEST_F(RegistryAdapterTest, HelpersConvertRealValues) {
     ASSERT_TRUE(RegWriteValue(L"HKLM\\Software\\T\\D", L"30", regtype::kDword));
     platform::RegistryValue multi{regtype::kMultiSz,
                                   core::Utf16BytesFromWide(std::wstring(L"a\0b\0", 4), true)};
