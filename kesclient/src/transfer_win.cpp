@@ -12,6 +12,10 @@ namespace kesclient {
 namespace {
 
 constexpr int kMaxRedirects = 10;
+// WinHTTP under Wine ends every answer's body after 2^31-1 bytes, as if it were complete (seen with
+// Wine 8). A longer file takes one more (Range) request per 2 GiB.
+constexpr std::uint64_t kWinHttpAnswerCap = 0x7FFFFFFF;
+constexpr int kMaxAnswers = 64;
 constexpr wchar_t kUserAgent[] = L"kesclient/1.0";
 
 using Clock = std::chrono::steady_clock;
@@ -297,9 +301,11 @@ TransferOutcome Request(const TransferTarget& target, HINTERNET session, std::ui
     }
 }
 
-}  // namespace
-
-TransferOutcome Transfer(const TransferTarget& target, PartialFile& partial, RunContext& run) {
+// One answer: from the partial file's end (or from the start) to the end of the file or of what
+// WinHTTP delivers. *cut: WinHTTP ended the body at its cap and the rest can be asked for.
+TransferOutcome TransferAnswer(const TransferTarget& target, PartialFile& partial, RunContext& run,
+                               bool* cut) {
+    *cut = false;
     UniqueInternet session = OpenSession(target.route, run);
     if (!session) return RequestFailed("open session", ::GetLastError());
 
@@ -387,6 +393,11 @@ TransferOutcome Transfer(const TransferTarget& target, PartialFile& partial, Run
                            Decimal(*target.expectedSize));
     }
     const std::optional<std::uint64_t> limit = total ? total : target.expectedSize;
+    if (bodyLength && *bodyLength > kWinHttpAnswerCap) {
+        // A body cut at the cap leaves its rest unread on the connection: never pool it.
+        DWORD features = WINHTTP_DISABLE_KEEP_ALIVE;
+        ::WinHttpSetOption(request, WINHTTP_OPTION_DISABLE_FEATURE, &features, sizeof(features));
+    }
 
     std::string etag, lastModified;
     QueryHeader(request, WINHTTP_QUERY_ETAG, &etag);
@@ -473,11 +484,28 @@ TransferOutcome Transfer(const TransferTarget& target, PartialFile& partial, Run
     // A connection that drops reads as a clean end; only the count tells.
     if (limit && partial.size() < *limit) {
         partial.Remember(target.url, validator, total.value_or(0));
+        *cut = partial.size() - start == kWinHttpAnswerCap && !partial.validator().empty();
         return Outcome(
             KESCLIENT_DOWNLOAD_FAILED, NextStep::kNextMirror,
             "incomplete: " + Decimal(partial.size()) + " of " + Decimal(*limit) + " bytes");
     }
     return Outcome(KESCLIENT_SUCCESS, NextStep::kDone, "");
+}
+
+}  // namespace
+
+TransferOutcome Transfer(const TransferTarget& target, PartialFile& partial, RunContext& run) {
+    for (int answers = 1;; ++answers) {
+        const std::uint64_t before = partial.size();
+        bool cut = false;
+        TransferOutcome outcome = TransferAnswer(target, partial, run, &cut);
+        // Only while the file grows: a server that answers the rest with the whole file again
+        // would start over at every turn.
+        if (!cut || partial.size() <= before || answers == kMaxAnswers) return outcome;
+        Log(kLogInfo,
+            "kesclient: [%s] WinHTTP ended the answer after %s bytes; asking for the rest",
+            target.id.c_str(), Decimal(kWinHttpAnswerCap).c_str());
+    }
 }
 
 std::vector<Route> RoutesFromPac(const std::string& pacUrl, const std::string& url,

@@ -5,6 +5,9 @@
 //   kesclient_driver --folder DIR --url URL [--url URL2 ...] [--trust pem:FILE|system|none]
 //                    [--pin HEX ...] [--proxy HOST:PORT ...] [--pac URL] [--checksum TEXT]
 //                    [--size N] [--no-verify-size] [--payload exe|tar|zip|N] [--id ID]
+//                    [--stats]
+//                    (--stats: at exit, prints the download's wall time and the process's peak
+//                    working set, for benchmarks)
 //   kesclient_driver --add-root FILE | --remove-root FILE
 //                    (adds or removes a PEM certificate in the machine's Root store, for
 //                    tests of the system-store mode; exits 0 on success)
@@ -13,6 +16,8 @@
 #include <windows.h>
 // <wincrypt.h> needs <windows.h> first.
 #include <wincrypt.h>
+// K32GetProcessMemoryInfo lives in kernel32: no psapi library to link.
+#include <psapi.h>
 
 #include <cstdarg>
 #include <cstdio>
@@ -50,6 +55,7 @@ struct Options {
     long long size = 0;
     int verifySize = 1;
     int payload = KESCLIENT_PAYLOAD_EXE;
+    bool stats = false;
 };
 
 KesClientString View(const std::string& text) {
@@ -127,6 +133,10 @@ int wmain(int argc, wchar_t** argv) {
             options.verifySize = 0;
             continue;
         }
+        if (flag == L"--stats") {
+            options.stats = true;
+            continue;
+        }
         if (i + 1 >= argc) {
             std::fprintf(stderr, "missing value after %s\n", Utf8(argv[i]).c_str());
             return kExitUsage;
@@ -197,8 +207,21 @@ int wmain(int argc, wchar_t** argv) {
                &pac, &folder, &checksum, 0, options.payload);
     if (download == nullptr) return kExitNoLibrary;
     KesClientDownload* const items[] = {download};
+    LARGE_INTEGER frequency{}, began{}, ended{};
+    ::QueryPerformanceFrequency(&frequency);
+    ::QueryPerformanceCounter(&began);
     const int result = run(&folder, KesClientDownloadList{items, 1});
+    ::QueryPerformanceCounter(&ended);
     release(download);
     std::printf("result %d\n", result);
+    if (options.stats) {
+        PROCESS_MEMORY_COUNTERS counters{};
+        counters.cb = sizeof(counters);
+        ::K32GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof(counters));
+        std::printf("elapsed-seconds %.6f\npeak-working-set-bytes %llu\n",
+                    static_cast<double>(ended.QuadPart - began.QuadPart) /
+                        static_cast<double>(frequency.QuadPart),
+                    static_cast<unsigned long long>(counters.PeakWorkingSetSize));
+    }
     return result;
 }
