@@ -127,8 +127,12 @@ LaunchResult Agent::LaunchHelper(bool test, const std::wstring& commandLine,
         exitCode = 0;
         return launch_result::kDone;
     }
-    const platform::ProcessRun run = platform::RunProcessAndWait(commandLine);
+    const platform::ProcessRun run = platform::RunProcessAndWait(commandLine, installerPath_);
     switch (run.outcome) {
+        case platform::ProcessOutcome::kHoldFailed:
+            LogF(L"%s: ERROR: cannot open %s to keep it unchanged while it runs: %s", kFunction,
+                 installerPath_, ErrorCodeText(run.error));
+            return launch_result::kNotRun;
         case platform::ProcessOutcome::kCreateFailed:
             LogF(L"%s: ERROR: CreateProcess failed: %s", kFunction, ErrorCodeText(run.error));
             return launch_result::kNotRun;

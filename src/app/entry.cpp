@@ -73,6 +73,10 @@ void WaitForPendingToolReboot() {
 }
 
 RunResult RunTool() {
+    // Before anything loads a DLL by name (the content client, COM servers, the installer API).
+    if (!platform::RestrictDllSearch())
+        LogF(L"%s: cannot restrict the DLL search to System32 and the program folder: %s",
+             kFunction, platform::SystemMessage(platform::LastError()));
     if (!ReadUpdateEnabled()) return run_result::kKillSwitch;
 
     if (platform::CreateNamedMutexHeldForLife(kSingleInstanceMutexName) == kErrorAlreadyExists) {

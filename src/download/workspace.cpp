@@ -23,6 +23,36 @@ WorkspaceState& State() {
     return state;
 }
 
+constexpr std::uint32_t kErrorAlreadyExists = 183;
+
+// The workspace holds what this elevated process will later run, so only SYSTEM and the
+// Administrators may change it. A folder that another account made, or a link in its place, could
+// still be changed by that account between the download and the install: it is not used.
+bool UsableExistingWorkspace(const std::wstring& path) {
+    constexpr const wchar_t* kFunction = L"GetWorkspace";
+    const auto folder = platform::SecureExistingFolder(path);
+    if (!folder) {
+        LogF(L"%s: cannot check who owns %s, not using it: %s", kFunction, path,
+             platform::SystemMessage(platform::LastError()));
+        return false;
+    }
+    if (!folder->isFolder || folder->isLink) {
+        LogF(L"%s: %s is not a plain folder (a file or a link), not using it", kFunction, path);
+        return false;
+    }
+    if (!folder->ownerTrusted) {
+        LogF(L"%s: %s was created by another account (owner %s), not using it", kFunction, path,
+             folder->owner);
+        return false;
+    }
+    if (folder->secureError) {
+        // Ours, so still usable; but say so, since others may be able to write to it.
+        LogF(L"%s: cannot restrict access to %s to SYSTEM and Administrators: %s", kFunction, path,
+             platform::SystemMessage(folder->secureError));
+    }
+    return true;
+}
+
 std::wstring ComputeWorkspace() {
     std::wstring temp;
     const std::uint32_t length = platform::GetTempFolder(temp);
@@ -30,11 +60,15 @@ std::wstring ComputeWorkspace() {
     if (length - 1u > kMaxPath - 1u) temp = L"C:\\Temp\\";
 
     std::wstring workspace = core::PathJoin(temp, L"updatetool-data");
-    if (!platform::PathExists(workspace) && !platform::CreateFolder(workspace)) {
-        // The temp folder itself, without the trailing backslash the system gives it.
-        const auto cut = temp.rfind(L'\\');
-        workspace = cut == std::wstring::npos ? std::wstring() : temp.substr(0, cut);
-    }
+    if (platform::PathExists(workspace))
+        return UsableExistingWorkspace(workspace) ? workspace : std::wstring();
+    if (platform::CreatePrivateFolder(workspace)) return workspace;
+    // Appearing between the two calls counts as existing: another account may have raced us.
+    if (platform::LastError() == kErrorAlreadyExists)
+        return UsableExistingWorkspace(workspace) ? workspace : std::wstring();
+    // The temp folder itself, without the trailing backslash the system gives it.
+    const auto cut = temp.rfind(L'\\');
+    workspace = cut == std::wstring::npos ? std::wstring() : temp.substr(0, cut);
     return workspace;
 }
 

@@ -15,6 +15,25 @@ std::uint32_t GetTempFolder(std::wstring& out);
 // GetFileAttributesW != INVALID_FILE_ATTRIBUTES.
 bool PathExists(const std::wstring& path);
 bool CreateFolder(const std::wstring& path);
+
+// Creates a folder that only SYSTEM and the Administrators can open, whatever its parent allows:
+// a protected DACL whose entries the files and folders created in it inherit.
+bool CreatePrivateFolder(const std::wstring& path);
+
+// An existing folder as SecureExistingFolder found it. It is opened without following a link, so
+// a junction or symbolic link planted in its place is reported, never entered.
+struct ExistingFolder {
+    bool isFolder = false;      // a directory, not a file
+    bool isLink = false;        // a reparse point: junction, symbolic link, mount point
+    bool ownerTrusted = false;  // owned by SYSTEM, the Administrators or this process's account
+    std::wstring owner;         // the owner's SID, as text
+    std::uint32_t secureError = 0;  // non-zero: giving it the private DACL failed with this
+};
+
+// Reports what the path is and who owns it; a plain folder with a trusted owner is then given the
+// DACL of CreatePrivateFolder (one made by an older version may be open to everyone). Empty (last
+// error set) when the path cannot be opened or its owner cannot be read.
+std::optional<ExistingFolder> SecureExistingFolder(const std::wstring& path);
 bool DeleteFilePath(const std::wstring& path);
 
 // Creates or truncates the file (no sharing while open) and writes the bytes in full.

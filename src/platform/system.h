@@ -27,6 +27,11 @@ std::optional<FileVersion> ReadFileVersion(const std::wstring& path);
 // Returns the last error after the call (183 when another process holds the name).
 std::uint32_t CreateNamedMutexHeldForLife(const std::wstring& name);
 
+// Restricts where DLLs are looked for, for the rest of the process: System32 and the program's own
+// folder, never the current folder or PATH, where anyone may plant a DLL for an elevated process
+// to load. False (last error set) when the system refuses.
+bool RestrictDllSearch();
+
 // The full command line of the process (GetCommandLineW); empty if there is none.
 std::wstring CommandLine();
 

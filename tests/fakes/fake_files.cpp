@@ -50,6 +50,31 @@ bool CreateFolder(const std::wstring& path) {
     return true;
 }
 
+bool CreatePrivateFolder(const std::wstring& path) {
+    if (!CreateFolder(path)) return false;
+    fake::State().folderSecurity[path].isPrivate = true;
+    return true;
+}
+
+std::optional<ExistingFolder> SecureExistingFolder(const std::wstring& path) {
+    auto& s = fake::State();
+    const bool isFolder = FolderExists(path);
+    if (!isFolder && !s.files.count(path)) {
+        s.lastError = status::kFileNotFound;
+        return std::nullopt;
+    }
+    fake::PlatformState::FolderSecurity& security = s.folderSecurity[path];
+    if (security.inspectError) {
+        s.lastError = security.inspectError;
+        return std::nullopt;
+    }
+    ExistingFolder facts{isFolder, security.isLink, security.ownerTrusted, security.owner, 0};
+    if (!isFolder || facts.isLink || !facts.ownerTrusted) return facts;
+    facts.secureError = security.secureError;
+    if (!facts.secureError) security.isPrivate = true;
+    return facts;
+}
+
 bool DeleteFilePath(const std::wstring& path) {
     auto& s = fake::State();
     if (s.locked.count(path)) {

@@ -39,6 +39,17 @@ struct PlatformState {
     std::set<std::wstring, core::NoCaseLess> folders;
     std::set<std::wstring, core::NoCaseLess> locked;           // writes and deletes fail with 32
     std::set<std::wstring, core::NoCaseLess> uncreatableFolders;  // CreateFolder fails with 5
+    // Folders created private, and what SecureExistingFolder finds on others (default: a plain
+    // folder owned by SYSTEM). inspectError non-zero: the folder cannot be opened or read.
+    struct FolderSecurity {
+        bool isLink = false;
+        std::wstring owner = L"S-1-5-18";
+        bool ownerTrusted = true;
+        bool isPrivate = false;
+        std::uint32_t inspectError = 0;
+        std::uint32_t secureError = 0;
+    };
+    std::map<std::wstring, FolderSecurity, core::NoCaseLess> folderSecurity;
     std::wstring tempFolder = L"C:\\Users\\svc\\AppData\\Local\\Temp\\";
     std::optional<std::uint32_t> tempFolderResult;  // overrides the API's count when set
 
@@ -51,6 +62,8 @@ struct PlatformState {
     std::wstring commandLine = L"\"C:\\Program Files\\Quorvane\\updatetool.exe\"";
     std::wstring console;
     std::map<std::wstring, std::wstring> environment;  // for %VAR% expansion
+    bool dllSearchRestricted = false;
+    std::uint32_t dllSearchError = 0;  // non-zero: RestrictDllSearch fails with it
 
     // Time.
     platform::LocalTime now{};
@@ -72,6 +85,8 @@ struct PlatformState {
     };
     std::deque<ScriptedProcess> processScript;
     std::vector<std::wstring> processesRun;  // command lines, including failed creations
+    std::vector<std::wstring> heldFiles;     // the file held for each run ("" when none); a
+                                             // path in `locked` cannot be held (32)
     // Installed products by upgrade code (case-insensitive, as GUID texts are).
     struct InstalledProduct {
         std::wstring productCode;

@@ -3,9 +3,11 @@
 
 namespace platform {
 
-ProcessRun RunProcessAndWait(const std::wstring& commandLine) {
+ProcessRun RunProcessAndWait(const std::wstring& commandLine, const std::wstring& heldFile) {
     auto& s = fake::State();
+    if (!heldFile.empty() && s.locked.count(heldFile)) return {ProcessOutcome::kHoldFailed, 0, 32};
     s.processesRun.push_back(commandLine);
+    s.heldFiles.push_back(heldFile);
     fake::PlatformState::ScriptedProcess next;
     if (!s.processScript.empty()) {
         next = s.processScript.front();

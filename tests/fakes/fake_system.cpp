@@ -37,6 +37,16 @@ std::uint32_t CreateNamedMutexHeldForLife(const std::wstring& name) {
     return fake::State().lastError;
 }
 
+bool RestrictDllSearch() {
+    auto& s = fake::State();
+    if (s.dllSearchError) {
+        s.lastError = s.dllSearchError;
+        return false;
+    }
+    s.dllSearchRestricted = true;
+    return true;
+}
+
 std::wstring CommandLine() { return fake::State().commandLine; }
 
 void WriteStdout(const std::wstring& text) { fake::State().console += text; }

@@ -1,6 +1,8 @@
 // A stand-in installer for tests: appends its own command line (GetCommandLineW) as one UTF-8 line
 // ending in "\n" to the file named by TEST_INSTALLER_RECORD, when that is set, and exits with the
 // decimal code in TEST_INSTALLER_EXIT_CODE (default 0; a negative code wraps as Windows does).
+// With TEST_INSTALLER_PROBE_WRITE naming a file, it also tries to open that file for writing and
+// records "probe-write: <error>" (0 when it could), to show whether its launcher still holds it.
 #include <windows.h>
 
 #include <cwchar>
@@ -39,6 +41,16 @@ int wmain() {
     const std::wstring record = Environment(L"TEST_INSTALLER_RECORD");
     if (!record.empty() && !AppendLine(record, ::GetCommandLineW()))
         return 1627;  // function failed
+    const std::wstring probe = Environment(L"TEST_INSTALLER_PROBE_WRITE");
+    if (!probe.empty()) {
+        HANDLE file = ::CreateFileW(probe.c_str(), GENERIC_WRITE,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        const DWORD error = file == INVALID_HANDLE_VALUE ? ::GetLastError() : 0;
+        if (file != INVALID_HANDLE_VALUE) ::CloseHandle(file);
+        const std::wstring line = L"probe-write: " + std::to_wstring(error);
+        if (record.empty() || !AppendLine(record, line.c_str())) return 1627;
+    }
     const std::wstring code = Environment(L"TEST_INSTALLER_EXIT_CODE");
     return code.empty() ? 0 : static_cast<int>(std::wcstol(code.c_str(), nullptr, 10));
 }

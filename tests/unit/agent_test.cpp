@@ -264,6 +264,16 @@ TEST_F(AgentTest, LaunchHelperReportsProcessFailuresAndExitCodes) {
     EXPECT_TRUE(Logged(
         L"Agent::LaunchHelper: D:\\a.exe /s returned: 1603 (Fatal error during installation.)"));
     EXPECT_EQ(Platform().processesRun.size(), 3u);
+    // Each run held the installer it was checked with.
+    EXPECT_EQ(Platform().heldFiles, std::vector<std::wstring>(3, L"D:\\a.exe"));
+
+    // An installer that someone else has open for writing is not started.
+    Platform().locked.insert(L"D:\\a.exe");
+    EXPECT_EQ(agent.LaunchHelper(false, L"D:\\a.exe /s", exitCode), launch_result::kNotRun);
+    EXPECT_TRUE(Logged(L"Agent::LaunchHelper: ERROR: cannot open D:\\a.exe to keep it unchanged "
+                       L"while it runs: 32 (The process cannot access the file because it is "
+                       L"being used by another process.)"));
+    EXPECT_EQ(Platform().processesRun.size(), 3u);
 }
 
 // ---- The host ----

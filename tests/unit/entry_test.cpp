@@ -20,6 +20,16 @@ TEST_F(EntryTest, KillSwitchRefusesSilentlyBeforeTheMutex) {
     }
     EXPECT_TRUE(Platform().mutexes.empty());
     EXPECT_EQ(LinesAfterBanner().find(L"\r\n"), LinesAfterBanner().size() - 2);  // no line after it
+    EXPECT_TRUE(Platform().dllSearchRestricted);  // even a refused run loads nothing from elsewhere
+}
+
+TEST_F(EntryTest, DllSearchThatCannotBeRestrictedIsLoggedAndTheRunGoesOn) {
+    Platform().dllSearchError = 5;
+    fake::SetRegistryDword(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", 1);
+    EXPECT_EQ(RunTool(), -1);
+    EXPECT_TRUE(Logged(L"wmain: cannot restrict the DLL search to System32 and the program folder: "
+                       L"Access is denied."));
+    EXPECT_TRUE(Logged(L": wmain: Updatetool rc = ERR_FAILURE\r\n"));
 }
 
 TEST_F(EntryTest, SecondInstanceLeavesOneLineWithTheProgramName) {

@@ -16,6 +16,7 @@ protected:
 TEST_F(WorkspaceTest, IsCreatedUnderTheTempFolderOnce) {
     EXPECT_EQ(FreshWorkspace(), L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data");
     EXPECT_TRUE(Platform().folders.count(L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data"));
+    EXPECT_TRUE(Platform().folderSecurity[L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data"].isPrivate);
     Platform().tempFolder = L"D:\\elsewhere\\";
     EXPECT_EQ(GetWorkspace(), L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data");
 }
@@ -43,10 +44,60 @@ TEST_F(WorkspaceTest, UncreatableSubfolderFallsBackToTheTempFolder) {
     EXPECT_EQ(FreshWorkspace(), L"C:\\Users\\svc\\AppData\\Local\\Temp");
 }
 
-TEST_F(WorkspaceTest, ExistingWorkspaceIsKept) {
-    Platform().uncreatableFolders.insert(L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data");
-    Platform().folders.insert(L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data");
-    EXPECT_EQ(FreshWorkspace(), L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data");
+constexpr const wchar_t* kWorkspace = L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data";
+
+TEST_F(WorkspaceTest, ExistingWorkspaceOfOursIsKeptAndMadePrivate) {
+    Platform().uncreatableFolders.insert(kWorkspace);
+    Platform().folders.insert(kWorkspace);
+    EXPECT_EQ(FreshWorkspace(), kWorkspace);
+    EXPECT_TRUE(Platform().folderSecurity[kWorkspace].isPrivate);
+
+    // Still ours when its access cannot be narrowed, but the log says so.
+    Platform().folderSecurity[kWorkspace] = {};
+    Platform().folderSecurity[kWorkspace].secureError = 5;
+    EXPECT_EQ(FreshWorkspace(), kWorkspace);
+    EXPECT_TRUE(Logged(L"GetWorkspace: cannot restrict access to " + std::wstring(kWorkspace) +
+                       L" to SYSTEM and Administrators: Access is denied."));
+}
+
+// What another account could still change between the download and the install is never used:
+// the workspace is empty, so the run's set-up fails, and the log says why.
+TEST_F(WorkspaceTest, ExistingWorkspaceThatOthersControlIsRefused) {
+    struct Case {
+        const char* name;
+        void (*arrange)(fake::PlatformState&);
+        std::wstring logged;
+    };
+    const Case cases[] = {
+        {"another owner",
+         [](fake::PlatformState& s) {
+             s.folderSecurity[kWorkspace].owner = L"S-1-5-21-1-2-3-1001";
+             s.folderSecurity[kWorkspace].ownerTrusted = false;
+         },
+         L" was created by another account (owner S-1-5-21-1-2-3-1001), not using it"},
+        {"a link", [](fake::PlatformState& s) { s.folderSecurity[kWorkspace].isLink = true; },
+         L" is not a plain folder (a file or a link), not using it"},
+        {"a file",
+         [](fake::PlatformState& s) {
+             s.folders.erase(kWorkspace);
+             s.files[kWorkspace] = {};
+         },
+         L" is not a plain folder (a file or a link), not using it"},
+        {"unreadable owner",
+         [](fake::PlatformState& s) { s.folderSecurity[kWorkspace].inspectError = 5; },
+         L"GetWorkspace: cannot check who owns " + std::wstring(kWorkspace) +
+             L", not using it: Access is denied."},
+    };
+    for (const Case& c : cases) {
+        Platform().folderSecurity.erase(kWorkspace);
+        Platform().files.erase(kWorkspace);
+        Platform().folders.insert(kWorkspace);
+        c.arrange(Platform());
+        const std::size_t logged = LogText().size();
+        EXPECT_EQ(FreshWorkspace(), L"") << c.name;
+        EXPECT_NE(LogText().find(c.logged, logged), std::wstring::npos) << c.name;
+        EXPECT_FALSE(Platform().folderSecurity[kWorkspace].isPrivate) << c.name;
+    }
 }
 
 class PemPathTest : public ToolTest {

@@ -122,4 +122,26 @@ TEST_F(ProcessAdapterTest, AMissingProgramIsACreateFailureWithItsError) {
         << run.error;
 }
 
+TEST_F(ProcessAdapterTest, TheHeldFileCannotBeChangedWhileTheProcessRuns) {
+    const std::wstring package = Track(scratch_ + L"\\package.msi");
+    ASSERT_TRUE(platform::WriteWholeFile(package, {'p', 'k', 'g'}));
+    const ScopedEnvironment record(L"TEST_INSTALLER_RECORD", record_);
+    const ScopedEnvironment probe(L"TEST_INSTALLER_PROBE_WRITE", package);
+    const std::wstring line = L"\"" + installer_ + L"\"";
+
+    ASSERT_EQ(platform::RunProcessAndWait(line, package).outcome,
+              platform::ProcessOutcome::kExited);
+    ASSERT_EQ(platform::RunProcessAndWait(line).outcome, platform::ProcessOutcome::kExited);
+    // Held: the child was refused; not held: it could have rewritten the file.
+    EXPECT_EQ(Recorded(), (std::vector<std::wstring>{line, L"probe-write: 32", line,
+                                                      L"probe-write: 0"}));
+    // Released once the process has ended.
+    EXPECT_TRUE(::DeleteFileW(package.c_str()));
+
+    const platform::ProcessRun missing = platform::RunProcessAndWait(line, package);
+    EXPECT_EQ(missing.outcome, platform::ProcessOutcome::kHoldFailed);
+    EXPECT_EQ(missing.error, static_cast<std::uint32_t>(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(Recorded().size(), 4u);  // nothing started
+}
+
 }  // namespace

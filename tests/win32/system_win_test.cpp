@@ -1,5 +1,7 @@
 // File, process-identity, mutex and text adapters against the real (Wine) system.
 #include <windows.h>
+#include <aclapi.h>
+#include <sddl.h>
 
 #include <gtest/gtest.h>
 
@@ -49,6 +51,62 @@ TEST(FilesAdapter, WritesReplaceTheWholeFileAndLockedFilesRefuse) {
     EXPECT_FALSE(platform::CreateFolder(folder));  // exists already
     EXPECT_EQ(platform::LastError(), 183u);
     EXPECT_TRUE(::RemoveDirectoryW(folder.c_str()));
+}
+
+// The folder's DACL as SDDL text, or why it could not be read.
+std::wstring DaclText(const std::wstring& path) {
+    PACL dacl = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (::GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                                nullptr, &dacl, nullptr, &descriptor) != ERROR_SUCCESS)
+        return L"unreadable";
+    wchar_t* text = nullptr;
+    std::wstring result = L"unconvertible";
+    if (::ConvertSecurityDescriptorToStringSecurityDescriptorW(
+            descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr)) {
+        result = text;
+        ::LocalFree(text);
+    }
+    ::LocalFree(descriptor);
+    return result;
+}
+
+// Wine keeps no security descriptor of its own for files: it reports one made from the Unix mode,
+// with the Unix owner as the folder's owner. So what can be checked here is that nobody but SYSTEM
+// and this account gets in; the refusal of another account's folder is covered by the unit tests.
+TEST(FilesAdapter, PrivateFoldersLetNobodyElseIn) {
+    const std::wstring scratch = ScratchFolder();
+    const std::wstring created = scratch + L"\\created";
+    const std::wstring older = scratch + L"\\older";
+    ASSERT_TRUE(platform::CreatePrivateFolder(created));
+    const std::wstring dacl = DaclText(created);
+    EXPECT_NE(dacl.find(L";;;SY)"), std::wstring::npos) << dacl;
+    for (const wchar_t* everyone : {L";;;WD)", L";;;BU)", L";;;AU)"})
+        EXPECT_EQ(dacl.find(everyone), std::wstring::npos) << dacl;
+    EXPECT_FALSE(platform::CreatePrivateFolder(created));
+    EXPECT_EQ(platform::LastError(), 183u);
+
+    // One this account made with default access is ours.
+    ASSERT_TRUE(::CreateDirectoryW(older.c_str(), nullptr));
+    const auto found = platform::SecureExistingFolder(older);
+    ASSERT_TRUE(found.has_value()) << platform::LastError();
+    EXPECT_TRUE(found->isFolder && !found->isLink && found->ownerTrusted);
+    EXPECT_EQ(found->secureError, 0u);
+    EXPECT_EQ(found->owner.rfind(L"S-1-5-", 0), 0u) << found->owner;
+
+    // A file in its place is reported as such.
+    const std::wstring file = scratch + L"\\file";
+    ASSERT_TRUE(platform::WriteWholeFile(file, {1}));
+    const auto notFolder = platform::SecureExistingFolder(file);
+    ASSERT_TRUE(notFolder.has_value());
+    EXPECT_FALSE(notFolder->isFolder);
+    EXPECT_FALSE(platform::SecureExistingFolder(scratch + L"\\missing").has_value());
+    EXPECT_EQ(platform::LastError(), 2u);
+
+    ::DeleteFileW(file.c_str());
+    ::RemoveDirectoryW(created.c_str());
+    ::RemoveDirectoryW(older.c_str());
+    ::RemoveDirectoryW(scratch.c_str());
 }
 
 TEST(SystemAdapter, ProgramPathAndTheToolsVersion) {

@@ -1,6 +1,8 @@
 #include "platform/files.h"
 
 #include <windows.h>
+#include <aclapi.h>
+#include <sddl.h>
 
 #include "platform/win32/handles.h"
 
@@ -18,6 +20,93 @@ bool PathExists(const std::wstring& path) {
 }
 
 bool CreateFolder(const std::wstring& path) { return ::CreateDirectoryW(path.c_str(), nullptr); }
+
+namespace {
+
+// Full control for SYSTEM and the Administrators, inherited by everything below; protected, so
+// that the parent's entries (anyone may create in a temp folder) do not flow in.
+constexpr wchar_t kPrivateFolderSddl[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+
+struct LocalFreeTraits {
+    using Type = HLOCAL;
+    static Type Invalid() noexcept { return nullptr; }
+    static void Close(Type memory) noexcept { ::LocalFree(memory); }
+};
+using UniqueLocal = core::UniqueHandle<LocalFreeTraits>;
+
+UniqueLocal PrivateFolderDescriptor() {
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(kPrivateFolderSddl, SDDL_REVISION_1,
+                                                                &descriptor, nullptr))
+        return UniqueLocal();
+    return UniqueLocal(descriptor);
+}
+
+bool IsProcessUser(PSID sid) {
+    HANDLE raw = nullptr;
+    if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, &raw)) return false;
+    const win32::UniqueKernelHandle token(raw);
+    alignas(TOKEN_USER) BYTE buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+    DWORD size = 0;
+    if (!::GetTokenInformation(token.get(), TokenUser, buffer, sizeof(buffer), &size)) return false;
+    return ::EqualSid(sid, reinterpret_cast<TOKEN_USER*>(buffer)->User.Sid);
+}
+
+}  // namespace
+
+bool CreatePrivateFolder(const std::wstring& path) {
+    const UniqueLocal descriptor = PrivateFolderDescriptor();
+    if (!descriptor) return false;
+    SECURITY_ATTRIBUTES attributes{sizeof(attributes), descriptor.get(), FALSE};
+    return ::CreateDirectoryW(path.c_str(), &attributes);
+}
+
+std::optional<ExistingFolder> SecureExistingFolder(const std::wstring& path) {
+    win32::UniqueFileHandle folder(::CreateFileW(
+        path.c_str(), READ_CONTROL | WRITE_DAC | FILE_READ_ATTRIBUTES,
+        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+        FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    if (!folder) return std::nullopt;
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (!::GetFileInformationByHandle(folder.get(), &information)) return std::nullopt;
+
+    PSID owner = nullptr;
+    PSECURITY_DESCRIPTOR ownerDescriptor = nullptr;
+    const DWORD status = ::GetSecurityInfo(folder.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION,
+                                           &owner, nullptr, nullptr, nullptr, &ownerDescriptor);
+    if (status != ERROR_SUCCESS) {
+        ::SetLastError(status);
+        return std::nullopt;
+    }
+    const UniqueLocal ownerKeeper(ownerDescriptor);
+
+    ExistingFolder facts;
+    facts.isFolder = (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    facts.isLink = (information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    facts.ownerTrusted = owner != nullptr && (::IsWellKnownSid(owner, WinLocalSystemSid) ||
+                                              ::IsWellKnownSid(owner, WinBuiltinAdministratorsSid) ||
+                                              IsProcessUser(owner));
+    wchar_t* ownerText = nullptr;
+    if (owner != nullptr && ::ConvertSidToStringSidW(owner, &ownerText)) {
+        facts.owner = ownerText;
+        ::LocalFree(ownerText);
+    }
+    if (!facts.isFolder || facts.isLink || !facts.ownerTrusted) return facts;
+
+    const UniqueLocal descriptor = PrivateFolderDescriptor();
+    BOOL present = FALSE, defaulted = FALSE;
+    PACL dacl = nullptr;
+    if (!descriptor || !::GetSecurityDescriptorDacl(descriptor.get(), &present, &dacl, &defaulted)) {
+        facts.secureError = ::GetLastError();
+        return facts;
+    }
+    const DWORD secured =
+        ::SetSecurityInfo(folder.get(), SE_FILE_OBJECT,
+                          DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, nullptr,
+                          nullptr, dacl, nullptr);
+    if (secured != ERROR_SUCCESS) facts.secureError = secured;
+    return facts;
+}
 
 bool DeleteFilePath(const std::wstring& path) { return ::DeleteFileW(path.c_str()); }
 

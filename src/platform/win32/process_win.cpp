@@ -8,7 +8,15 @@
 
 namespace platform {
 
-ProcessRun RunProcessAndWait(const std::wstring& commandLine) {
+ProcessRun RunProcessAndWait(const std::wstring& commandLine, const std::wstring& heldFile) {
+    // Reading stays allowed: the installer service and the loader open the file themselves.
+    win32::UniqueFileHandle held;
+    if (!heldFile.empty()) {
+        held.reset(::CreateFileW(heldFile.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                 OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+        if (!held) return {ProcessOutcome::kHoldFailed, 0, ::GetLastError()};
+    }
+
     // CreateProcessW may write into the command line, so it gets a private copy.
     std::vector<wchar_t> line(commandLine.begin(), commandLine.end());
     line.push_back(L'\0');

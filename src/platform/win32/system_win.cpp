@@ -52,6 +52,14 @@ std::uint32_t CreateNamedMutexHeldForLife(const std::wstring& name) {
     return ::GetLastError();
 }
 
+bool RestrictDllSearch() {
+    // SetDllDirectoryW(L"") also takes the current folder out of the older search order, which
+    // the loader still uses for a module's own imports.
+    return ::SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32 |
+                                      LOAD_LIBRARY_SEARCH_APPLICATION_DIR) &&
+           ::SetDllDirectoryW(L"");
+}
+
 std::wstring CommandLine() {
     const wchar_t* line = ::GetCommandLineW();
     return line ? std::wstring(line) : std::wstring();
