@@ -3,9 +3,14 @@
 namespace kesclient {
 
 BackgroundWriter::BackgroundWriter(PartialFile& partial, std::uint8_t* first, std::uint8_t* second,
-                                   std::size_t capacity)
-    : partial_(partial), buffers_{first, second}, capacity_(capacity) {
+                                   std::size_t capacity, std::uint64_t checkpointBytes)
+    : partial_(partial),
+      buffers_{first, second},
+      capacity_(capacity),
+      checkpointBytes_(checkpointBytes),
+      lastCheckpoint_(partial.size()) {
     thread_ = std::thread(&BackgroundWriter::Work, this);
+    flusher_ = std::thread(&BackgroundWriter::Checkpoints, this);
 }
 
 BackgroundWriter::~BackgroundWriter() {
@@ -15,6 +20,7 @@ BackgroundWriter::~BackgroundWriter() {
     }
     changed_.notify_all();
     thread_.join();
+    flusher_.join();
 }
 
 bool BackgroundWriter::Submit(std::size_t size) {
@@ -33,7 +39,7 @@ bool BackgroundWriter::Submit(std::size_t size) {
 
 bool BackgroundWriter::Drain(std::string* why) {
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return !busy_; });
+    changed_.wait(lock, [this] { return !busy_ && !checkpointing_; });
     if (failed_ && why != nullptr) *why = error_;
     return !failed_;
 }
@@ -53,7 +59,27 @@ void BackgroundWriter::Work() {
             failed_ = true;
             error_ = why;
         }
+        // A checkpoint still running is not waited for: the next chunk asks again.
+        const std::uint64_t written = partial_.size();
+        if (ok && !checkpointing_ && written - lastCheckpoint_ >= checkpointBytes_) {
+            lastCheckpoint_ = checkpointAt_ = written;
+            checkpointing_ = true;
+        }
         busy_ = false;
+        changed_.notify_all();
+    }
+}
+
+void BackgroundWriter::Checkpoints() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        changed_.wait(lock, [this] { return checkpointing_ || stop_; });
+        if (!checkpointing_) return;
+        const std::uint64_t offset = checkpointAt_;
+        lock.unlock();
+        partial_.Checkpoint(offset);
+        lock.lock();
+        checkpointing_ = false;
         changed_.notify_all();
     }
 }

@@ -2,6 +2,10 @@
 // Hashes and writes the body on a second thread while the network fills the next buffer, so that
 // a transfer runs at the pace of the slower of the two instead of their sum. Two buffers take
 // turns; nothing is allocated per chunk.
+//
+// Every checkpointBytes written, a third thread flushes the partial file and records it as the
+// resume point while writing goes on. The disk then keeps up with the network instead of taking
+// the whole file in the flush before the final rename, and a crash loses at most that much.
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -16,8 +20,10 @@ namespace kesclient {
 class BackgroundWriter {
 public:
     // first and second: capacity bytes each, owned by the caller.
+    static constexpr std::uint64_t kCheckpointBytes = 32ull << 20;
+
     BackgroundWriter(PartialFile& partial, std::uint8_t* first, std::uint8_t* second,
-                     std::size_t capacity);
+                     std::size_t capacity, std::uint64_t checkpointBytes = kCheckpointBytes);
     ~BackgroundWriter();
     BackgroundWriter(const BackgroundWriter&) = delete;
     BackgroundWriter& operator=(const BackgroundWriter&) = delete;
@@ -28,12 +34,13 @@ public:
     // Hands the first size bytes of buffer() over and makes the other buffer current, once the
     // writer is done with it. False when an earlier write failed.
     bool Submit(std::size_t size);
-    // Waits until everything handed over is on its way to disk; false, with *why, when a write
-    // failed.
+    // Waits until everything handed over is on its way to disk and no checkpoint is running;
+    // false, with *why, when a write failed.
     bool Drain(std::string* why);
 
 private:
     void Work();
+    void Checkpoints();
 
     PartialFile& partial_;
     std::uint8_t* buffers_[2];
@@ -47,7 +54,12 @@ private:
     bool stop_ = false;
     bool failed_ = false;
     std::string error_;
+    const std::uint64_t checkpointBytes_;
+    std::uint64_t lastCheckpoint_ = 0;  // offset of the last checkpoint asked for
+    std::uint64_t checkpointAt_ = 0;    // offset of the checkpoint to take now
+    bool checkpointing_ = false;
     std::thread thread_;
+    std::thread flusher_;
 };
 
 }  // namespace kesclient

@@ -77,6 +77,16 @@ private:
     KesClientResult code_ = KESCLIENT_SUCCESS;
 };
 
+// Between mirrors and at the end of the run: bytes stay only when the next attempt can resume
+// them, which needs the server's validator; without one they would only be emptied later.
+void Park(PartialFile& partial) {
+    if (partial.validator().empty()) {
+        partial.Discard();
+    } else {
+        partial.CloseKeepingProgress();
+    }
+}
+
 class Download {
 public:
     Download(const DownloadRequest& request, RunContext& run) : request_(request), run_(run) {}
@@ -193,7 +203,7 @@ private:
 
             for (std::size_t r = 0; r < routes.size(); ++r) {
                 if (TimeUp(verdict)) {
-                    partial.CloseKeepingProgress();
+                    Park(partial);
                     return verdict.code();
                 }
                 Log(kLogInfo, "kesclient: [%s] location %d of %d: %s via %s, trust: %s",
@@ -217,13 +227,13 @@ private:
                 Log(kLogWarning, "kesclient: [%s] %s: %s; %s", request_.id.c_str(),
                     ResultName(outcome.code), outcome.reason.c_str(), then);
                 if (outcome.next == NextStep::kStop) {
-                    partial.CloseKeepingProgress();
+                    Park(partial);
                     return verdict.code();
                 }
                 if (outcome.next != NextStep::kNextRoute) break;
                 if (!partial.open()) break;  // discarded: the content was wrong, not the route
             }
-            partial.CloseKeepingProgress();
+            Park(partial);
         }
         const KesClientResult code = verdict.code();
         Log(kLogError, "kesclient: [%s] failed: %s", request_.id.c_str(), ResultName(code));

@@ -114,14 +114,25 @@ bool PartialFile::Append(const std::uint8_t* data, std::size_t size, std::string
 void PartialFile::Remember(const std::string& url, const std::string& validator,
                            std::uint64_t total) {
     validator_ = validator;
+    url_ = url;
+    total_ = total;
     if (validator.empty() || size_ == 0) {
         RemoveFile(resumePath_);
         return;
     }
     if (!::FlushFileBuffers(file_.get())) return;  // an unflushed record could vouch for lost bytes
-    const ResumeState state{url, validator, ChecksumText(), size_, total};
+    WriteRecord(size_);
+}
+
+void PartialFile::Checkpoint(std::uint64_t offset) {
+    if (!::FlushFileBuffers(file_.get())) return;
+    if (!validator_.empty() && offset > 0) WriteRecord(offset);
+}
+
+void PartialFile::WriteRecord(std::uint64_t offset) {
+    const ResumeState state{url_, validator_, ChecksumText(), offset, total_};
     if (!ReplaceFileContents(resumePath_, SerialiseResumeState(state))) {
-        Log(kLogWarning, "kesclient: cannot record how to resume %s: %s", UrlForLog(url).c_str(),
+        Log(kLogWarning, "kesclient: cannot record how to resume %s: %s", UrlForLog(url_).c_str(),
             ErrorText(::GetLastError()).c_str());
     }
 }

@@ -30,6 +30,11 @@ public:
     // Writes the resume record for the bytes now on disk (flushed first), or removes it when the
     // server gave no validator to resume against.
     void Remember(const std::string& url, const std::string& validator, std::uint64_t total);
+    // Flushes what has been written and records the first `offset` bytes (all of them written
+    // before the call) as the resume point, for the URL and validator Remember last saw. Safe
+    // beside Append on another thread: it only flushes the handle and writes the record, which
+    // Append never touches.
+    void Checkpoint(std::uint64_t offset);
 
     std::uint64_t size() const { return size_; }
     const std::string& validator() const { return validator_; }
@@ -51,6 +56,7 @@ private:
     bool Rehash(std::uint64_t bytes, RunContext& run, std::string* why);
     bool Hashing() const { return expected_.algorithm != DigestAlgorithm::kNone; }
     std::string ChecksumText() const;
+    void WriteRecord(std::uint64_t offset);
 
     std::wstring partialPath_;
     std::wstring resumePath_;
@@ -59,6 +65,8 @@ private:
     Hasher hasher_;
     std::uint64_t size_ = 0;
     std::string validator_;
+    std::string url_;          // of the answer being received, for the resume record
+    std::uint64_t total_ = 0;  // its announced complete size, 0 when unknown
 };
 
 }  // namespace kesclient

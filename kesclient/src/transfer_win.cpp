@@ -15,6 +15,8 @@ constexpr int kMaxRedirects = 10;
 // WinHTTP under Wine ends every answer's body after 2^31-1 bytes, as if it were complete (seen with
 // Wine 8). A longer file takes one more (Range) request per 2 GiB.
 constexpr std::uint64_t kWinHttpAnswerCap = 0x7FFFFFFF;
+// Bytes waiting in WinHTTP's receive buffer that show data is flowing rather than trickling.
+constexpr DWORD kFlowingBytes = 4096;
 constexpr int kMaxAnswers = 64;
 constexpr wchar_t kUserAgent[] = L"kesclient/1.0";
 
@@ -124,21 +126,47 @@ TransferOutcome RequestFailed(const char* step, DWORD error, DWORD secureFailure
                    std::string(step) + ": " + ErrorText(error));
 }
 
-bool QueryHeader(HINTERNET request, DWORD info, std::string* value) {
+// index: which of the header's occurrences (WinHTTP moves it on to the next one); none: the first.
+bool QueryHeader(HINTERNET request, DWORD info, std::string* value,
+                 DWORD* index = WINHTTP_NO_HEADER_INDEX) {
     value->clear();
     DWORD size = 0;
     ::WinHttpQueryHeaders(request, info, WINHTTP_HEADER_NAME_BY_INDEX, WINHTTP_NO_OUTPUT_BUFFER,
-                          &size, WINHTTP_NO_HEADER_INDEX);
+                          &size, index);
     if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER || size == 0 || size > 64 * 1024)
         return false;
     std::wstring buffer(size / sizeof(wchar_t) + 1, L'\0');
     if (!::WinHttpQueryHeaders(request, info, WINHTTP_HEADER_NAME_BY_INDEX, buffer.data(), &size,
-                               WINHTTP_NO_HEADER_INDEX)) {
+                               index)) {
         return false;
     }
     buffer.resize(size / sizeof(wchar_t));
     *value = Utf8FromWide(buffer);
     return true;
+}
+
+// The body's length from every Content-Length of the answer (WinHTTP reports the first): copies
+// that disagree, or do not parse, leave the end of the body unknown. *text: the one refused.
+bool BodyLength(HINTERNET request, std::optional<std::uint64_t>* length, std::string* text) {
+    DWORD index = 0;
+    for (int copies = 0;
+         copies < 8 && QueryHeader(request, WINHTTP_QUERY_CONTENT_LENGTH, text, &index); ++copies) {
+        const auto value = ParseContentLength(*text);
+        if (!value || (*length && **length != *value)) return false;
+        *length = value;
+    }
+    return true;
+}
+
+// A range continues our bytes only from the version they came from: a server that ignores
+// If-Range answers with another version's range. An answer that names no version is taken at its
+// word (a 206 need not repeat Last-Modified).
+bool SameVersion(HINTERNET request, const std::string& validator) {
+    std::string etag, lastModified;
+    QueryHeader(request, WINHTTP_QUERY_ETAG, &etag);
+    QueryHeader(request, WINHTTP_QUERY_LAST_MODIFIED, &lastModified);
+    const std::string& named = etag.empty() ? lastModified : etag;
+    return named.empty() || named == validator;
 }
 
 DWORD StatusCode(HINTERNET request) {
@@ -168,6 +196,11 @@ UniqueInternet OpenSession(const Route& route, const RunContext& run) {
     const int connect = static_cast<int>(run.RemainingMs(run.settings.connectTimeoutMs));
     const int stall = static_cast<int>(run.RemainingMs(run.settings.stallTimeoutMs));
     ::WinHttpSetTimeouts(session.get(), connect, connect, stall, stall);
+    // The wait for the answer's headers has a timeout of its own (90 s), which a server that
+    // accepts the request and says nothing would otherwise get.
+    DWORD headers = static_cast<DWORD>(stall);
+    ::WinHttpSetOption(session.get(), WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, &headers,
+                       sizeof(headers));
     DWORD protocols = WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2 | WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_3;
     if (!::WinHttpSetOption(session.get(), WINHTTP_OPTION_SECURE_PROTOCOLS, &protocols,
                             sizeof(protocols))) {
@@ -324,10 +357,18 @@ TransferOutcome TransferAnswer(const TransferTarget& target, PartialFile& partia
             // Only a range that continues where the file stops and names the file's length: a
             // shorter one could pass for the end of the file.
             const auto range = ParseContentRange(text);
-            if (range && range->first == partial.size() && range->complete) break;
-            Log(kLogWarning,
-                "kesclient: [%s] range answer \"%s\" does not continue at byte %s; starting over",
-                target.id.c_str(), text.c_str(), Decimal(partial.size()).c_str());
+            const bool same = SameVersion(answer.request.get(), partial.validator());
+            if (range && range->first == partial.size() && range->complete && same) break;
+            if (same) {
+                Log(kLogWarning,
+                    "kesclient: [%s] range answer \"%s\" does not continue at byte %s; starting "
+                    "over",
+                    target.id.c_str(), text.c_str(), Decimal(partial.size()).c_str());
+            } else {
+                Log(kLogWarning,
+                    "kesclient: [%s] range answer is from another version than %s; starting over",
+                    target.id.c_str(), partial.validator().c_str());
+            }
         } else if (answer.status == 416 && answer.ranged) {
             Log(kLogWarning, "kesclient: [%s] server refused to resume; starting over",
                 target.id.c_str());
@@ -362,12 +403,9 @@ TransferOutcome TransferAnswer(const TransferTarget& target, PartialFile& partia
     // 2^31-1), and for a range the length of the whole file from Content-Range.
     std::string text;
     std::optional<std::uint64_t> bodyLength;
-    if (QueryHeader(request, WINHTTP_QUERY_CONTENT_LENGTH, &text)) {
-        bodyLength = ParseContentLength(text);
-        if (!bodyLength) {
-            return Outcome(KESCLIENT_DOWNLOAD_FAILED, NextStep::kNextMirror,
-                           "malformed Content-Length \"" + text + "\"");
-        }
+    if (!BodyLength(request, &bodyLength, &text)) {
+        return Outcome(KESCLIENT_DOWNLOAD_FAILED, NextStep::kNextMirror,
+                       "malformed or conflicting Content-Length \"" + text + "\"");
     }
     std::optional<std::uint64_t> total;
     if (answer.status == 206) {
@@ -430,12 +468,19 @@ TransferOutcome TransferAnswer(const TransferTarget& target, PartialFile& partia
                                  "time limit of the run reached");
                 break;
             }
-            // Large reads: Wine's WinHTTP fills the whole buffer before it returns, which keeps the
-            // calls few. A read that times out loses what it gathered there; a resume fetches it
-            // again.
+            // Wine's WinHTTP returns from a read only once the buffer is full or the body ends.
+            // While data flows (the receive buffer holds a good part of its 8 KiB), one large read
+            // keeps the calls few; a trickle is read as it comes, or a server sending a byte now
+            // and then would hold the run past its time limit. A read that times out loses what
+            // it gathered; a resume fetches it again.
+            DWORD available = 0;
             DWORD read = 0;
-            if (!::WinHttpReadData(request, writer.buffer() + filled,
-                                   static_cast<DWORD>(half - filled), &read)) {
+            const bool answered = ::WinHttpQueryDataAvailable(request, &available) != FALSE;
+            const std::size_t room = half - filled;
+            const std::size_t wanted =
+                available >= kFlowingBytes ? room : std::min<std::size_t>(available, room);
+            if (!answered || !::WinHttpReadData(request, writer.buffer() + filled,
+                                                static_cast<DWORD>(wanted), &read)) {
                 const DWORD error = ::GetLastError();
                 // Wine reports the receive timeout as the socket's WSAETIMEDOUT.
                 const bool stalled = error == ERROR_WINHTTP_TIMEOUT || error == WSAETIMEDOUT;

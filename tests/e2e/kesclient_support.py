@@ -83,8 +83,9 @@ class Run:
 
 
 def download(wine, urls, body=None, trust="pin", certs=None, pins=(), checksum=None, size=None, payload="exe",
-             proxies=(), pac=None, env=None, extra=()):
-    """Runs the driver; checksum and size default to those of body."""
+             proxies=(), pac=None, env=None, extra=(), background=False):
+    """Runs the driver; checksum and size default to those of body. In the background: the
+    started process, for a test to end as it likes."""
     args = ["--folder", FOLDER, "--payload", payload]
     for url in urls:
         args += ["--url", url]
@@ -108,6 +109,8 @@ def download(wine, urls, body=None, trust="pin", certs=None, pins=(), checksum=N
         args += ["--proxy", proxy]
     if pac:
         args += ["--pac", pac]
+    if background:
+        return wine.start(DRIVER, *args, *extra, extra_env=env)
     started = time.monotonic()
     code, out, _ = wine.run(DRIVER, *args, *extra, extra_env=env, timeout=180)
     return Run(code if code >= 0 else code + 256, out, time.monotonic() - started)
@@ -115,3 +118,18 @@ def download(wine, urls, body=None, trust="pin", certs=None, pins=(), checksum=N
 
 def leftovers(folder):
     return sorted(p.name for p in folder.iterdir()) if folder.exists() else []
+
+
+def tar_archive(entries, compress=True, format=tarfile.PAX_FORMAT):
+    """A tar or tar.gz package of (name, content) pairs, and of TarInfo entries without data."""
+    data = io.BytesIO()
+    with tarfile.open(fileobj=data, mode="w:gz" if compress else "w", format=format) as archive:
+        for entry in entries:
+            if isinstance(entry, tarfile.TarInfo):
+                archive.addfile(entry)
+                continue
+            name, content = entry
+            info = tarfile.TarInfo(name)
+            info.size = len(content)
+            archive.addfile(info, io.BytesIO(content))
+    return data.getvalue()
