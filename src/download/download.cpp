@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "core/core_exception.h"
 #include "core/format.h"
 #include "core/text.h"
 #include "download/workspace.h"
@@ -106,6 +107,20 @@ long long ExpectedSize(const std::wstring& text) {
     return size;
 }
 
+// Whether every text the library is handed converts to UTF-8: an unpaired surrogate from the
+// registry does not.
+bool LibraryCanTakeTexts(const UpdateRecord& record) {
+    std::vector<std::wstring> texts{record.keyId, record.checksum, record.pacUrl};
+    for (const auto* list : {&record.urls, &record.proxies, &record.thumbprints})
+        texts.insert(texts.end(), list->begin(), list->end());
+    try {
+        for (const auto& text : texts) core::Utf8FromWide(text);
+    } catch (const CORE::coreException&) {
+        return false;
+    }
+    return true;
+}
+
 bool Invalid(UpdateRecord& record) {
     record.result = L"INVALID";
     return false;
@@ -182,6 +197,11 @@ bool Util_DoDownload() {
     if (!ConfigureTrust(*client, record)) return Invalid(record);
     if (record.urls.empty()) {
         LogF(L"%s: download URL empty", kFunction);
+        return Invalid(record);
+    }
+    if (!LibraryCanTakeTexts(record)) {
+        // As unusable as a missing location, and the service has to hear so.
+        LogF(L"%s: update key holds text that is not valid UTF-16", kFunction);
         return Invalid(record);
     }
 

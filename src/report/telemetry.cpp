@@ -17,7 +17,20 @@ namespace {
 constexpr const wchar_t* kFunction = L"Util_UpdateDataForTelemetry";
 constexpr std::uint32_t kErrorInvalidData = 13;
 
-Json::String Utf8(const std::wstring& text) { return core::Utf8FromWide(text); }
+// The record must not be lost to one bad character: an unpaired surrogate from the registry goes
+// out as U+FFFD, as the system's own UTF-8 conversion writes it.
+Json::String Utf8(const std::wstring& text) {
+    std::wstring sound(text);
+    for (std::size_t i = 0; i < sound.size(); ++i) {
+        const bool high = sound[i] >= 0xD800 && sound[i] <= 0xDBFF;
+        const bool low = sound[i] >= 0xDC00 && sound[i] <= 0xDFFF;
+        if (high && i + 1 < sound.size() && sound[i + 1] >= 0xDC00 && sound[i + 1] <= 0xDFFF)
+            ++i;  // a pair: one character
+        else if (high || low)
+            sound[i] = 0xFFFD;
+    }
+    return core::Utf8FromWide(sound);
+}
 
 // Loads the existing document into root. False when the file could not be opened, mapped or
 // parsed; after a parse failure root keeps what the parser made of it.
@@ -30,7 +43,13 @@ bool LoadDocument(const std::wstring& path, Json::Value& root) {
             std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
             const char* begin = reinterpret_cast<const char*>(data);
             Json::String errors;
-            parsed = reader->parse(begin, begin + size, &root, &errors);
+            try {
+                parsed = reader->parse(begin, begin + size, &root, &errors);
+            } catch (const Json::Exception&) {
+                // Nested past the reader's limit: as unreadable as any other broken document.
+                root = Json::Value();
+                parsed = false;
+            }
         });
     if (mapped && !parsed) platform::SetLastError(kErrorInvalidData);
     return mapped && parsed;

@@ -1,5 +1,7 @@
 #include "state/state_transitions.h"
 
+#include <cstdint>
+
 #include "download/workspace.h"
 #include "platform/clock.h"
 #include "platform/registry.h"
@@ -60,18 +62,17 @@ void ApplyPreflightResult(UpdateRecord& record, RunResult rc, bool legacyWorkflo
     }
 }
 
-void ApplyInstallResult(UpdateRecord& record, RunResult rc) {
+// True when the outcome ends the package's use, so that the workspace is to be cleaned.
+bool ApplyInstallResult(UpdateRecord& record, RunResult rc) {
     LogF(L"%s: agent update result: %s", L"Util_UpdateDone", RunResultName(rc));
     switch (rc) {
         case run_result::kNoAgent:
             record.result = kResultOk;
-            CleanWorkspace();
-            break;
+            return true;
         case run_result::kFailure:
         case run_result::kLaunch:
             record.result = kResultFailure;
-            CleanWorkspace();
-            break;
+            return true;
         case run_result::kIncompatible:
             record.result = kResultInvalid;
             break;
@@ -86,6 +87,7 @@ void ApplyInstallResult(UpdateRecord& record, RunResult rc) {
             }
             break;
     }
+    return false;
 }
 
 void ApplyDownloadResult(UpdateRecord& record) {
@@ -141,7 +143,9 @@ bool WriteStateUnder(const std::wstring& root, const wchar_t* function) {
 
 bool UtilTryAgain(std::int32_t limit) {
     UpdateRecord& record = ActiveUpdateRecord();
-    ++record.retry;
+    // A count stored at the top of its range stays there: wrapping round would start the
+    // attempts over.
+    if (record.retry < INT32_MAX) ++record.retry;
     const bool again = record.retry <= limit;
     if (!again)
         LogF(L"%s: exceeded retry attempts: %d, max attempt allowed: %d", L"UtilTryAgain",
@@ -155,15 +159,21 @@ bool Util_UpdateDone(RunResult rc, bool legacyWorkflow) {
     LogF(L"%s: Updating state for result '%s', legacy workflow:'%d' ", L"Util_UpdateDone",
          RunResultName(rc), legacyWorkflow ? 1 : 0);
 
+    bool packageDone = false;
     if (rc <= run_result::kPreflightOk && rc >= run_result::kPreflightUpdateInProgress) {
         ApplyPreflightResult(record, rc, legacyWorkflow);
     } else if (record.state == update_state::kUpdating) {
-        ApplyInstallResult(record, rc);
+        packageDone = ApplyInstallResult(record, rc);
     } else if (record.state == update_state::kDownload) {
         ApplyDownloadResult(record);
     }
 
-    if (!UtilManageUpdateState()) {
+    const bool stored = UtilManageUpdateState();
+    // Only once the outcome is written: a run ended between the two, or an outcome that could not
+    // be stored, would otherwise leave UPDATING naming a package that is gone, which no later run
+    // could install.
+    if (packageDone && stored) CleanWorkspace();
+    if (!stored) {
         LogF(L"%s: not ready to run update", L"Util_UpdateDone");
         return false;
     }

@@ -160,11 +160,13 @@ _UPGRADABLE_WXS = """<?xml version="1.0" encoding="utf-8"?>
 
 
 class AgentPackages(Packages):
-    def upgradable_msi(self, name, version, upgrade_code):
-        """An x64 MSI whose next version replaces it (a major upgrade), as agent releases do."""
+    def upgradable_msi(self, name, version, upgrade_code, payload=None):
+        """An x64 MSI whose next version replaces it (a major upgrade), as agent releases do. Its one
+        file, agent.txt, holds payload (bytes) or else the name and version."""
         source = self.folder / f"{name.replace(' ', '-')}-{version}"
         source.mkdir()
-        (source / "agent.txt").write_text(f"{name} {version}\n")
+        (source / "agent.txt").write_bytes(payload if payload is not None
+                                           else f"{name} {version}\n".encode())
         (source / "agent.wxs").write_text(
             _UPGRADABLE_WXS.format(name=name, version=version, upgrade_code=upgrade_code))
         package = self.folder / f"{source.name}.msi"
@@ -174,10 +176,15 @@ class AgentPackages(Packages):
         return package
 
 
-def installed_versions(wine, name):
-    """DisplayVersion of every product registered for uninstall under that name."""
-    result = subprocess.run(["wine", "reg", "query", UNINSTALL_KEY, "/s"], env=wine.env,
-                            stdin=subprocess.DEVNULL, capture_output=True, timeout=120)
+def installed_versions(wine, name, attempts=3):
+    """DisplayVersion of every product registered for uninstall under that name. Asks again when
+    `reg` fails or prints nothing, as key_values does."""
+    for _ in range(attempts):
+        result = subprocess.run(["wine", "reg", "query", UNINSTALL_KEY, "/s"], env=wine.env,
+                                stdin=subprocess.DEVNULL, capture_output=True, timeout=120)
+        if result.returncode == 0 and result.stdout.strip():
+            break
+        time.sleep(0.5)
     versions, entry = [], {}
     for line in result.stdout.decode("utf-8", "replace").splitlines() + [""]:
         if not line.startswith(" "):  # a key line (or the end) closes the previous entry

@@ -22,8 +22,18 @@ def need_reboot_key(root):
 
 
 # -- registry set-up ------------------------------------------------------------------------------
+class Raw:
+    """Value data given as bytes, of any registry type: what no well-behaved writer stores
+    (binary where text belongs, text that is no valid UTF-16)."""
+
+    def __init__(self, data, kind=3):  # 3: REG_BINARY
+        self.data, self.kind = bytes(data), kind
+
+
 def _reg_data(data):
-    """str: REG_SZ; list: REG_MULTI_SZ; int: REG_DWORD."""
+    """str: REG_SZ; list: REG_MULTI_SZ; int: REG_DWORD; Raw: its bytes as its type."""
+    if isinstance(data, Raw):
+        return f"hex({data.kind:x}):" + ",".join(f"{b:02x}" for b in data.data)
     if isinstance(data, bool) or not isinstance(data, (str, int, list, tuple)):
         raise TypeError(data)
     if isinstance(data, int):

@@ -104,10 +104,11 @@ class Resource:
     length:      the Content-Length to announce instead of the true one (None: true length;
                  False: none, the body ends when the connection closes)
     redirect:    a Location to answer with instead of the body
+    rate:        bytes per second the body is sent at (None: as fast as the client reads)
     """
 
     def __init__(self, body=b"", etag=None, ranges=True, cut_after=None, stall_after=None, faults=1,
-                 length=None, redirect=None, status=200):
+                 length=None, redirect=None, status=200, rate=None):
         self.body = body
         self.etag = etag
         self.ranges = ranges
@@ -117,6 +118,7 @@ class Resource:
         self.length = length
         self.redirect = redirect
         self.status = status
+        self.rate = rate
 
 
 class _Handler(http.server.BaseHTTPRequestHandler):
@@ -186,8 +188,14 @@ class _Handler(http.server.BaseHTTPRequestHandler):
                 self.close_connection = True
                 return
             view = memoryview(payload)
-            for offset in range(0, len(view), 1 << 20):
-                self.wfile.write(view[offset:offset + (1 << 20)])
+            step = 1 << 20 if resource.rate is None else max(1, resource.rate // 20)
+            began = time.monotonic()
+            for offset in range(0, len(view), step):
+                if resource.rate is not None:  # paced against the start: no drift from sleep jitter
+                    ahead = began + offset / resource.rate - time.monotonic()
+                    if ahead > 0 and owner.stopping.wait(ahead):
+                        return
+                self.wfile.write(view[offset:offset + step])
 
     def _simple(self, status):
         self.send_response(status)

@@ -118,10 +118,11 @@ class WinePrefix:
 
 
 def read_log(path):
-    """A tool log: UTF-16LE after a BOM. Returns (raw bytes, text)."""
+    """A tool log: UTF-16LE after a BOM. Returns (raw bytes, text); a lone surrogate the log
+    repeats from the registry stays one in the text."""
     raw = pathlib.Path(path).read_bytes()
     assert raw[:2] == codecs.BOM_UTF16_LE, "log must start with FF FE"
-    return raw, raw[2:].decode("utf-16-le")
+    return raw, raw[2:].decode("utf-16-le", "surrogatepass")
 
 
 def wait_for(predicate, timeout=30.0, interval=0.1):

@@ -80,8 +80,8 @@ TEST_F(EntryTest, BothMarkersStillWaitOnlyOnce) {
 }
 
 // Text in the registry that is no valid UTF-16 (a lone surrogate) cannot be handed to the content
-// client or the telemetry file; the run must still end through its closing steps.
-TEST_F(EntryTest, InvalidRegistryTextEndsTheStepNotTheProcess) {
+// client: the download is refused as invalid, and the run still ends through its closing steps.
+TEST_F(EntryTest, InvalidRegistryTextIsRefusedAndTheRunStillCloses) {
     const std::wstring key = CurrentProductRoot() + L"\\Agent\\Update\\{BAD}\\";
     fake::SetRegistryString(key + L"STATE", L"DOWNLOAD");
     fake::SetRegistryString(key + L"AGENT", L"OTHER");
@@ -89,10 +89,13 @@ TEST_F(EntryTest, InvalidRegistryTextEndsTheStepNotTheProcess) {
     fake::SetRegistryValue(key + L"URL", {platform::regtype::kMultiSz,
                                           {'h', 0, 0x00, 0xD8, '.', 0, 'm', 0, 0, 0, 0, 0}});
     EXPECT_EQ(RunTool(), -1);
-    EXPECT_TRUE(Logged(L"wmain: update step failed: to_mstr Failed\r\n"));
-    EXPECT_TRUE(Logged(L"wmain: telemetry failed: to_mstr Failed\r\n"));
+    EXPECT_TRUE(Logged(L"Util_DoDownload: update key holds text that is not valid UTF-16\r\n"));
+    EXPECT_FALSE(Logged(L"failed: to_mstr Failed"));
     EXPECT_TRUE(Logged(L"wmain: Updatetool rc = ERR_FAILURE\r\n"));
-    EXPECT_EQ(RegReadString(key + L"RETRY"), L"1");  // the outcome was still recorded
+    // The outcome was still recorded: an invalid download below the retry limit is retried.
+    EXPECT_EQ(RegReadString(key + L"STATE"), L"READY");
+    EXPECT_EQ(RegReadString(key + L"RESULT"), L"PROGRESS");
+    EXPECT_EQ(RegReadString(key + L"RETRY"), L"1");
 }
 
 }  // namespace

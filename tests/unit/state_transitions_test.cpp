@@ -1,5 +1,7 @@
 #include "state/state_transitions.h"
 
+#include <cstdint>
+
 #include "state/registry.h"
 #include "state/update_record.h"
 #include "test_support.h"
@@ -72,7 +74,9 @@ INSTANTIATE_TEST_SUITE_P(
         // Limit crossed: DONE with FAILURE.
         DownloadCase{L"FAILURE", 2, L"DONE", L"FAILURE", 3, false},
         // Limit crossed with an invalid configuration: the state stays.
-        DownloadCase{L"INVALID", 2, L"DOWNLOAD", L"INVALID", 3, false}));
+        DownloadCase{L"INVALID", 2, L"DOWNLOAD", L"INVALID", 3, false},
+        // A count at the top of its range does not wrap round into a fresh set of attempts.
+        DownloadCase{L"FAILURE", INT32_MAX, L"DONE", L"FAILURE", INT32_MAX, false}));
 
 TEST_F(StateTransitionsTest, RetryWaitIsTheConfiguredPeriod) {
     Announce(L"DOWNLOAD", L"FAILURE", 0);
@@ -218,13 +222,17 @@ TEST_F(StateTransitionsTest, CurrentRootFailureAloneIsLoggedButNotFatal) {
     EXPECT_EQ(Record().state, update_state::kDone);  // memory keeps the new values
 }
 
-TEST_F(StateTransitionsTest, BothRootsFailingFailsTheSave) {
+TEST_F(StateTransitionsTest, BothRootsFailingFailsTheSaveAndKeepsThePackage) {
     Announce(L"UPDATING", L"", 0, LegacyProductRoot());
+    const std::wstring package = GetWorkspace() + L"\\agent.msi";
+    Platform().files[package] = {1};
+    SetDownloadedFilePath(package);
     Platform().deniedKeys.insert(L"HKLM\\Software\\Quorvane\\Lumenar\\Agent\\Update\\{0D6A}");
     Platform().deniedKeys.insert(L"HKLM\\Software\\Tessix, Inc.\\Tessix KDX\\Agent\\Update\\{0D6A}");
     EXPECT_FALSE(Util_UpdateDone(run_result::kNoAgent, false));
     EXPECT_TRUE(Logged(L"UtilManageUpdateState: registry update failed\r\n"));
     EXPECT_TRUE(Logged(L"Util_UpdateDone: not ready to run update\r\n"));
+    EXPECT_TRUE(Platform().files.count(package));  // the key still names it for the next run
 }
 
 TEST_F(StateTransitionsTest, NoUpdateMeansNothingIsWritten) {

@@ -96,6 +96,24 @@ TEST_F(TelemetryTest, CorruptFileIsOverwrittenFromTheStartWithoutTruncation) {
     EXPECT_NE(text.find("\"updatedGUID\" : \"{9F1C}\""), std::string::npos);
 }
 
+TEST_F(TelemetryTest, DocumentNestedPastTheReadersLimitIsOverwrittenLikeAnyCorruptOne) {
+    const std::string deep = std::string(100000, '[') + std::string(100000, ']');
+    Platform().folders.insert(L"C:\\logs\\updatetool");
+    Platform().files[kFile] = std::vector<std::uint8_t>(deep.begin(), deep.end());
+    ASSERT_TRUE(Util_UpdateDataForTelemetry());
+    EXPECT_TRUE(Logged(L", doesn't exist\r\n"));
+    EXPECT_EQ(Document()["updateTool"][0]["updatedGUID"].asString(), "{9F1C}");
+}
+
+TEST_F(TelemetryTest, UnpairedSurrogatesGoOutAsReplacementCharacters) {
+    ActiveUpdateRecord().version = std::wstring(L"8.13") + static_cast<wchar_t>(0xD800);
+    ActiveUpdateRecord().fileName = std::wstring(1, static_cast<wchar_t>(0xDC00)) + L"a.msi";
+    ASSERT_TRUE(Util_UpdateDataForTelemetry());
+    const Json::Value entry = Document()["updateTool"][0];
+    EXPECT_EQ(entry["version"].asString(), "8.13\xEF\xBF\xBD");
+    EXPECT_EQ(entry["fileName"].asString(), "\xEF\xBF\xBD" "a.msi");
+}
+
 TEST_F(TelemetryTest, ForeignShapesAreLeftAlone) {
     for (const std::string& foreign : {std::string(R"({"updateTool": 5})"), std::string("[1, 2]")}) {
         Platform().folders.insert(L"C:\\logs\\updatetool");

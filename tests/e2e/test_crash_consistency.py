@@ -1,0 +1,218 @@
+"""The tool killed outright (SIGKILL, as a crash or a forced end does it) at a random moment of a
+download run or of an install run. Whatever the moment, the update key holds a state and result
+that the entry state or a finished run accounts for, a package the tool would launch is one that
+verified, and the runs the service starts afterwards still take the update to DONE with the new
+agent installed.
+
+CRASH_ITERATIONS kills per phase (default 5); CRASH_SEED replays the kill delays of a run (the seed
+is printed, with what each kill hit)."""
+import collections
+import contextlib
+import os
+import random
+import shutil
+import subprocess
+
+import pytest
+
+from lifecycle_helpers import (LOGS, AgentPackages, download_values, installed_versions,
+                               key_values, outcome, run_tool, service_sets_state, settings,
+                               telemetry, update_key, volatile_key, write)
+from servers import Certificates, HttpsServer, Resource
+
+ITERATIONS = int(os.environ.get("CRASH_ITERATIONS") or 5)
+SEED = int(os.environ.get("CRASH_SEED") or random.SystemRandom().randrange(1 << 32))
+
+AGENT = "E2E Crash Agent"
+AGENT_UPGRADE_CODE = "{3F9C2B17-5E84-4A06-9D3B-7C21E8F04A65}"
+PAYLOAD_BYTES = 4 << 20  # four 1 MiB reads of the content client: kills land between them
+RATE = 2 << 20  # bytes per second: a download run lasts about two seconds
+RUNS_TO_CONVERGE = 6
+
+# What a run that gets to its end leaves in STATE and RESULT, by the state it found (the transition
+# rules, preflight aside). A killed run adds only the combination it found.
+WRITTEN_BY_A_RUN = {
+    "DOWNLOAD": {("WAIT", "OK"), ("READY", "PROGRESS"), ("DONE", "FAILURE"),
+                 ("DOWNLOAD", "INVALID")},
+    "UPDATING": {("DONE", "OK"), ("WAIT", "PROGRESS"), ("UPDATING", "FAILURE"),
+                 ("UPDATING", "INVALID")},
+}
+
+# Where a killed run was, from the last of these its log reached (checked from the last one back).
+DOWNLOAD_POINTS = [("state saved", "UtilManageUpdateState: Update key:"),
+                   ("state write", "Util_UpdateDone:"),
+                   ("verify and commit", "] received "),
+                   ("transfer", "] location 1 of 1: "),
+                   ("set-up", "")]
+INSTALL_POINTS = [("state saved", "UtilManageUpdateState: Update key:"),
+                  ("state write", "Util_UpdateDone:"),
+                  ("installer", "Agent::LaunchHelper: launching:"),
+                  ("set-up", "")]
+
+
+@pytest.fixture(scope="module")
+def certs(tmp_path_factory):
+    return Certificates(tmp_path_factory.mktemp("crash-certs"))
+
+
+@pytest.fixture
+def agent(wine):
+    """The installed agent (8.12.0) and the package of its successor (8.13.0)."""
+    packages = AgentPackages(wine)
+    payload = os.urandom(PAYLOAD_BYTES)
+    old = packages.upgradable_msi(AGENT, "8.12.0", AGENT_UPGRADE_CODE)
+    new = packages.upgradable_msi(AGENT, "8.13.0", AGENT_UPGRADE_CODE, payload=payload)
+    yield packages, old, new, payload
+    packages.remove()
+
+
+class Update:
+    """One update of the agent from its announcement to DONE, in a clean key, workspace and log
+    folder, with the old agent installed again."""
+
+    def __init__(self, wine, tool, certs, agent, server, rate, why):
+        self.wine, self.tool = wine, tool
+        self.packages, old, self.new, self.payload = agent
+        self.body = self.new.read_bytes()
+        self.workspace = wine.temp_folder() / "updatetool-data"
+        self.package = self.workspace / "agent-8.13.0.msi"
+        self.logs = wine.unix_path(LOGS + r"\updatetool")
+        wine.delete_key(update_key())
+        shutil.rmtree(self.workspace, ignore_errors=True)
+        shutil.rmtree(self.logs, ignore_errors=True)
+        wine.run("msiexec", "/x", self.packages.windows_path(self.new), "/qn", timeout=300)
+        code = wine.run("msiexec", "/i", self.packages.windows_path(old), "/qn", timeout=300)[0]
+        assert code == 0, f"{why}: the old agent does not install ({code}), " \
+                          f"installed: {installed_versions(wine, AGENT)}"
+        self.resource = Resource(self.body, etag='"v8.13.0"', rate=rate)
+        url = server.add("/packages/agent-8.13.0.msi", self.resource)
+        write(wine, {**settings(), update_key(): download_values(certs, [url], self.body,
+                                                                 VERSION="8.13.0")})
+
+    def combination(self):
+        found = outcome(self.wine)
+        return found["STATE"], found["RESULT"]
+
+    def run(self):
+        return run_tool(self.wine, self.tool, timeout=300)
+
+    def start(self):
+        for log in self.logs.glob("*.log"):
+            log.unlink()
+        return subprocess.Popen(["wine", str(self.tool)], env=self.wine.env,
+                                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                stderr=subprocess.DEVNULL)
+
+    def kill(self, process, points=INSTALL_POINTS):
+        """Kills a started run; the point it had reached, from its log."""
+        if process.poll() is not None:
+            return "finished"
+        process.kill()  # `wine` execs into the Windows process: this pid is updatetool.exe itself
+        process.wait()
+        logs = sorted(self.logs.glob("*.log"))
+        # Killed before its first line, the log may be empty; UTF-16LE after a BOM otherwise.
+        text = logs[-1].read_bytes()[2:].decode("utf-16-le", "replace") if logs else ""
+        return "start" if not text else next(name for name, mark in points if mark in text)
+
+    def check_package(self, why):
+        """A package in the workspace is the verified one, and one the key names is there."""
+        if self.package.exists():
+            assert self.package.read_bytes() == self.body, f"{why}: an unverified package in place"
+        state, result = self.combination()
+        if (state, result) in {("WAIT", "OK"), ("UPDATING", "OK")}:
+            assert self.package.exists(), f"{why}: {state}/{result} but the package is gone"
+            assert key_values(self.wine, update_key())["FILENAME"].lower().endswith(
+                r"\updatetool-data\agent-8.13.0.msi"), why
+
+    def drive_to_done(self, why):
+        """Plays the service until the update is DONE; the number of runs it took."""
+        for runs in range(RUNS_TO_CONVERGE + 1):
+            state, result = self.combination()
+            if state == "DONE" or result in ("FAILURE", "INVALID"):  # nothing more to come
+                return runs
+            assert runs < RUNS_TO_CONVERGE, f"{why}: still {state}/{result} after {runs} runs"
+            if key_values(self.wine, volatile_key()):
+                self.wine.restart()  # the restart a run asked for; until then a run would wait
+            if state == "WAIT":
+                service_sets_state(self.wine, "UPDATING")
+                state = "UPDATING"
+            elif state == "READY":
+                service_sets_state(self.wine, "DOWNLOAD")
+                state = "DOWNLOAD"
+            before = (state, result)
+            run = self.run()
+            assert run.code != -3, f"{why}: the killed run still holds the single-instance mutex"
+            after = self.combination()
+            assert after in WRITTEN_BY_A_RUN.get(state, set()) | {before}, \
+                f"{why}: a run from {before} wrote {after}"
+            self.check_package(why)
+
+    def check_done(self, why, runs):
+        assert outcome(self.wine) == {"STATE": "DONE", "RESULT": "OK", "RETRY": "0"}, why
+        installed = self.wine.unix_path(rf"C:\Program Files\{AGENT}\agent.txt")
+        assert installed.exists() and installed.read_bytes() == self.payload, \
+            f"{why}: the new agent's file is not installed"
+        assert installed_versions(self.wine, AGENT) == ["8.13.0"], why
+        left = [p.name for p in self.workspace.iterdir()]
+        # A run killed between storing DONE and removing the package leaves it, verified, behind.
+        assert left == [] or (not runs and left == [self.package.name]), f"{why}: left {left}"
+        entries = telemetry(self.wine)  # whole: a kill never leaves it cut short
+        if runs:  # a run killed once it had saved the state has no record of its own
+            assert (entries[-1]["status"], entries[-1]["result"]) == ("DONE", "OK"), why
+
+
+@pytest.mark.parametrize("phase", ["download", "install"])
+def test_killed_run_leaves_a_consistent_update_that_later_runs_complete(wine, tool, certs, agent,
+                                                                         capsys, phase):
+    rng = random.Random(f"{SEED}:{phase}")
+    points, runs_needed = collections.Counter(), collections.Counter()
+    for iteration in range(ITERATIONS + 1):  # the first run is not killed: it measures the duration
+        why = f"seed {SEED}, {phase} iteration {iteration} of {ITERATIONS}"
+        with HttpsServer(certs.localhost) as server:
+            update = Update(wine, tool, certs, agent, server, RATE if phase == "download" else None,
+                            why)
+            if phase == "install":
+                assert update.run().code == -1, why
+                assert update.combination() == ("WAIT", "OK"), why
+                service_sets_state(wine, "UPDATING")
+            entry = update.combination()
+            if iteration == 0:
+                seconds = update.run().seconds
+            else:
+                delay = rng.uniform(0.0, seconds)
+                process = update.start()
+                with contextlib.suppress(subprocess.TimeoutExpired):
+                    process.wait(timeout=delay)
+                point = update.kill(process,
+                                    DOWNLOAD_POINTS if phase == "download" else INSTALL_POINTS)
+                points[point] += 1
+                why += f", killed after {delay:.3f} s of {seconds:.2f} s ({point})"
+                found = update.combination()
+                assert found in WRITTEN_BY_A_RUN[entry[0]] | {entry}, \
+                    f"{why}: from {entry} the key holds {found}"
+                update.check_package(why)
+                update.resource.rate = None  # the rest needs no more kill points
+            runs = update.drive_to_done(why)
+            update.check_done(why, runs)
+            if iteration:
+                runs_needed[runs] += 1
+    with capsys.disabled():
+        print(f"\n[crash] {phase}: seed {SEED}, {ITERATIONS} kills over a {seconds:.2f} s run; "
+              f"kill points {dict(points)}; runs to DONE {dict(sorted(runs_needed.items()))}")
+
+
+def test_install_run_killed_as_it_removes_the_package_is_completed_later(wine, tool, certs, agent):
+    """The narrowest window of an install run, too narrow for a random kill to find often: the
+    package is removed once the update has succeeded, and the run killed at that moment."""
+    why = "killed as the package went"
+    with HttpsServer(certs.localhost) as server:
+        update = Update(wine, tool, certs, agent, server, None, why)
+        update.run()
+        service_sets_state(wine, "UPDATING")
+        process = update.start()
+        while process.poll() is None and update.package.exists():
+            pass
+        assert update.kill(process) != "finished", why
+        assert update.combination() in {("UPDATING", "OK"), ("DONE", "OK")}, why
+        update.check_package(why)
+        update.check_done(why, update.drive_to_done(why))
