@@ -89,7 +89,8 @@ bool Util_UpdateDataForTelemetry() {
     const std::wstring path = TelemetryFilePath();
 
     Json::Value root;
-    if (LoadDocument(path, root))
+    const bool loaded = LoadDocument(path, root);
+    if (loaded)
         LogF(L"%s: Loading from json file %s completed", kFunction, path);
     else
         LogF(L"%s: Json file - %s , doesn't exist", kFunction, path);
@@ -97,7 +98,11 @@ bool Util_UpdateDataForTelemetry() {
     std::string text;
     try {
         root["updateTool"].append(TelemetryEntry(timestamp));
-        text = Json::writeString(Json::StreamWriterBuilder(), root);
+        Json::StreamWriterBuilder writer;
+        // A comment the parser was cut off in would be written back unterminated, and the file
+        // would never parse again: what a failed parse kept is written without comments.
+        if (!loaded) writer["commentStyle"] = "None";
+        text = Json::writeString(writer, root);
     } catch (const Json::LogicError& error) {
         // A document of another shape (a top level that is no object, an "updateTool" that is no
         // array) belongs to someone else: leave it as it is rather than overwrite it.

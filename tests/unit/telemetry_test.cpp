@@ -96,13 +96,18 @@ TEST_F(TelemetryTest, CorruptFileIsOverwrittenFromTheStartWithoutTruncation) {
     EXPECT_NE(text.find("\"updatedGUID\" : \"{9F1C}\""), std::string::npos);
 }
 
-TEST_F(TelemetryTest, DocumentNestedPastTheReadersLimitIsOverwrittenLikeAnyCorruptOne) {
-    const std::string deep = std::string(100000, '[') + std::string(100000, ']');
+// Whatever the broken document was, what replaces it parses again: the next run appends to it.
+TEST_F(TelemetryTest, BrokenDocumentsAreReplacedByOneThatParses) {
     Platform().folders.insert(L"C:\\logs\\updatetool");
-    Platform().files[kFile] = std::vector<std::uint8_t>(deep.begin(), deep.end());
-    ASSERT_TRUE(Util_UpdateDataForTelemetry());
-    EXPECT_TRUE(Logged(L", doesn't exist\r\n"));
-    EXPECT_EQ(Document()["updateTool"][0]["updatedGUID"].asString(), "{9F1C}");
+    for (const std::string& broken : {
+             std::string(100000, '[') + std::string(100000, ']'),  // past the reader's nesting limit
+             std::string("{\"a\": 1 /* cut \"{/"),  // a comment the parser stopped in
+         }) {
+        Platform().files[kFile] = std::vector<std::uint8_t>(broken.begin(), broken.end());
+        ASSERT_TRUE(Util_UpdateDataForTelemetry());
+        EXPECT_TRUE(Logged(L", doesn't exist\r\n"));
+        EXPECT_EQ(Document()["updateTool"][0]["updatedGUID"].asString(), "{9F1C}") << broken.substr(0, 20);
+    }
 }
 
 TEST_F(TelemetryTest, UnpairedSurrogatesGoOutAsReplacementCharacters) {
