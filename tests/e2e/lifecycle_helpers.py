@@ -2,77 +2,38 @@
 with the management service's moves between runs played by the test."""
 import hashlib
 import json
-import re
 import subprocess
 import tempfile
 import time
 
+import scenario
 from packages import Packages, UNINSTALL_KEY
 from wine import CURRENT_ROOT, read_log, signed
 
 UPDATE_ID = "{2B7E4C90-6A13-4D5F-8E27-C1F0A9D3B845}"
-LOGS = r"C:\logs"  # the `wine` fixture creates it empty for every test
+LOGS = scenario.LOGS_DIR  # the `wine` fixture creates it empty for every test
 
 
 def update_key(root=CURRENT_ROOT, key_id=UPDATE_ID):
-    return f"{root}\\Agent\\Update\\{key_id}"
+    return scenario.update_key(root, key_id)
 
 
 def volatile_key(root=CURRENT_ROOT):
-    return f"{root}\\Agent\\UpdateStatusVolatile"
+    return scenario.need_reboot_key(root)
 
 
-# -- registry -------------------------------------------------------------------------------------
-def _reg_data(data):
-    """str: REG_SZ; list: REG_MULTI_SZ; int: REG_DWORD."""
-    if isinstance(data, int) and not isinstance(data, bool):
-        return f"dword:{data:08x}"
-    if isinstance(data, str):
-        return '"' + data.replace("\\", "\\\\").replace('"', '\\"') + '"'
-    if isinstance(data, (list, tuple)):
-        raw = "".join(item + "\0" for item in data).encode("utf-16-le") + b"\0\0"
-        return "hex(7):" + ",".join(f"{b:02x}" for b in raw)
-    raise TypeError(data)
-
-
-def write(wine, keys):
-    """Imports {key path: {value name: data}} in one regedit run."""
-    sections = []
-    for key, named in keys.items():
-        sections.append("\n".join([f"[{key}]"] + [f'"{n}"={_reg_data(d)}' for n, d in named.items()]))
-    wine.import_reg("\n\n".join(sections) + "\n")
+write = scenario.arrange  # {key path: {value name: data}} in one regedit run
+key_values = scenario.values
 
 
 def settings(max_retry=2, retry_wait_ms=1000):
     """Logs in C:\\logs, and a retry pause short enough for a test (the default is five minutes)."""
-    return {CURRENT_ROOT: {"InstallLogsDir": LOGS},
-            CURRENT_ROOT + r"\Agent\Update": {"MAXDOWNLOADANDUPGRADERETRY": str(max_retry),
-                                              "RetryWaitPeriod": str(retry_wait_ms)}}
+    return scenario.settings(LOGS, max_retry, retry_wait_ms)
 
 
 def service_sets_state(wine, state, root=CURRENT_ROOT):
     """The management service's move between two runs."""
     write(wine, {update_key(root): {"STATE": state}})
-
-
-def key_values(wine, key, attempts=3):
-    """Every value of a key as {name: data as `reg query` prints it}; None when the key is missing.
-    Asks again when `reg` fails otherwise or prints nothing: that happened once here under load."""
-    for _ in range(attempts):
-        result = subprocess.run(["wine", "reg", "query", key], env=wine.env, stdin=subprocess.DEVNULL,
-                                capture_output=True, timeout=60)
-        text = result.stdout.decode("utf-8", "replace")
-        if result.returncode != 0 and "Unable to find the specified registry key" in text:
-            return None
-        found = {}
-        for line in text.splitlines():
-            match = re.match(r"^ {4}(\S.*?) {4}(REG_\w+)(?: {4}(.*))?$", line)
-            if match:
-                found[match.group(1)] = match.group(3) or ""
-        if result.returncode == 0 and (found or text.strip()):
-            return found
-        time.sleep(0.5)
-    raise AssertionError(f"reg query {key} failed: {result.returncode} {text!r} {result.stderr!r}")
 
 
 def outcome(wine, root=CURRENT_ROOT, names=("STATE", "RESULT", "RETRY")):

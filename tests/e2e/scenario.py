@@ -66,19 +66,24 @@ def arrange(wine, *key_sets):
     wine.import_reg("\n\n".join(sections) + "\n")
 
 
-def values(wine, key):
+def values(wine, key, attempts=3):
     """Every value of one key as {name: data text as `reg query` prints it}; None when the key is
-    missing."""
-    result = subprocess.run(["wine", "reg", "query", key], env=wine.env, stdin=subprocess.DEVNULL,
-                            capture_output=True, timeout=60)
-    if result.returncode != 0:
-        return None
-    found = {}
-    for line in result.stdout.decode("utf-8", "replace").splitlines():
-        match = re.match(r"^ {4}(\S.*?) {4}(REG_\w+)(?: {4}(.*))?$", line)
-        if match:
-            found[match.group(1)] = match.group(3) or ""
-    return found
+    missing. Asks again when `reg` fails otherwise or prints nothing: that happened here under load."""
+    for _ in range(attempts):
+        result = subprocess.run(["wine", "reg", "query", key], env=wine.env, stdin=subprocess.DEVNULL,
+                                capture_output=True, timeout=60)
+        text = result.stdout.decode("utf-8", "replace")
+        if result.returncode != 0 and "Unable to find the specified registry key" in text:
+            return None
+        found = {}
+        for line in text.splitlines():
+            match = re.match(r"^ {4}(\S.*?) {4}(REG_\w+)(?: {4}(.*))?$", line)
+            if match:
+                found[match.group(1)] = match.group(3) or ""
+        if result.returncode == 0 and (found or text.strip()):
+            return found
+        time.sleep(0.5)
+    raise AssertionError(f"reg query {key} failed: {result.returncode} {text!r} {result.stderr!r}")
 
 
 # -- runs -----------------------------------------------------------------------------------------
