@@ -242,6 +242,9 @@ bool TarReader::OnHeader() {
     }
     pendingName_.reset();
     pendingSize_.reset();
+    // A header whose name field starts with NUL names nothing (an empty pax path is refused as
+    // malformed before it gets here).
+    if (entry.name.empty()) return Fail("entry without a name");
 
     std::string why;
     if (!events_.OnEntry(entry, &why)) return Fail(why);

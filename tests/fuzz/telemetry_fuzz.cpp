@@ -31,7 +31,11 @@ std::optional<Json::Value> Parse(const std::vector<std::uint8_t>& bytes) {
     const char* begin = reinterpret_cast<const char*>(bytes.data());
     Json::Value root;
     Json::String errors;
-    if (!reader->parse(begin, begin + bytes.size(), &root, &errors)) return std::nullopt;
+    try {
+        if (!reader->parse(begin, begin + bytes.size(), &root, &errors)) return std::nullopt;
+    } catch (const Json::Exception&) {
+        return std::nullopt;  // nested past the reader's limit, as the tool treats it
+    }
     return root;
 }
 

@@ -328,6 +328,7 @@ INSTANTIATE_TEST_SUITE_P(
         RefusedCase{"belowfile", WithFile(File("f", "x") + File("F/g", "x")), "below a file"},
         RefusedCase{"reserved", WithFile(File("~STAGING/x", "x")), "reserved"},
         RefusedCase{"nofile", WithFile(File("./", "x")), "without a name"},
+        RefusedCase{"emptyname", WithFile(File("", "x")), "without a name"},
         RefusedCase{"checksum", WithFile(Entry(H("bad", '0', "x", "", kUstar, 1))), "checksum"},
         RefusedCase{"magic", WithFile(Entry(H("old", '0', "x", "", "\0\0\0\0\0\0\0\0"))), "ustar"},
         RefusedCase{"noend", File("ok.txt", "fine"), "end-of-archive"},
