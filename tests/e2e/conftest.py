@@ -35,6 +35,20 @@ def wine(prefix):
 
 
 @pytest.fixture
+def servers():
+    """Starts servers for one test and stops them at its end."""
+    started = []
+
+    def start(server):
+        started.append(server)
+        return server
+
+    yield start
+    for server in started:
+        server.stop()
+
+
+@pytest.fixture
 def tool():
     return TOOL
 

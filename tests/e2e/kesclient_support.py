@@ -48,20 +48,6 @@ def folder(wine):
 
 
 @pytest.fixture
-def servers():
-    """Starts servers for one test and stops them at its end."""
-    started = []
-
-    def start(server):
-        started.append(server)
-        return server
-
-    yield start
-    for server in started:
-        server.stop()
-
-
-@pytest.fixture
 def system_root(wine, certs):
     """The test CA in the machine's Root store for the length of one test."""
     assert wine.run(DRIVER, "--add-root", windows(certs.ca.pem))[0] == 0

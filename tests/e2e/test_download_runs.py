@@ -24,19 +24,6 @@ def certs(tmp_path_factory):
 
 
 @pytest.fixture
-def servers():
-    started = []
-
-    def start(server):
-        started.append(server)
-        return server
-
-    yield start
-    for server in started:
-        server.stop()
-
-
-@pytest.fixture
 def workspace(wine):
     """The tool's workspace, where the package must land (the `wine` fixture empties it)."""
     yield wine.temp_folder() / "updatetool-data"
