@@ -8,7 +8,6 @@
 #include "download/workspace.h"
 #include "core/text.h"
 #include "platform/clock.h"
-#include "platform/files.h"
 #include "platform/system.h"
 #include "report/reboot.h"
 #include "report/telemetry.h"
