@@ -5,6 +5,7 @@
 
 #include "app/app.h"
 #include "download/download.h"
+#include "download/workspace.h"
 #include "core/text.h"
 #include "platform/clock.h"
 #include "platform/system.h"
@@ -18,6 +19,55 @@
 namespace {
 constexpr const wchar_t* kFunction = L"wmain";
 constexpr std::uint32_t kErrorAlreadyExists = 183;
+constexpr std::uint32_t kErrorAccessDenied = 5;
+constexpr std::uint32_t kErrorSharingViolation = 32;
+
+// A real second run is SYSTEM or an administrator (or this very account). An owner that cannot be
+// read counts as one too: Wine reports none at all.
+bool HeldByAnotherRun(const platform::ObjectOwner& owner) {
+    return owner.kind != platform::OwnerKind::kOtherAccount;
+}
+
+void LogDuplicate() {
+    std::uint32_t error = 0;
+    LogF(L"%s duplicate instance, exit now\n", core::FileNameOf(platform::ProgramPath(error)));
+}
+
+// Instead of the mutex that someone else took: a file in the workspace, where only SYSTEM and
+// the Administrators can create files, held open without sharing for the rest of the run.
+bool TakeLockFile() {
+    const std::wstring lock = core::PathJoin(GetWorkspace(), L"updatetool.lock");
+    if (platform::HoldLockFileForLife(lock)) return true;
+    const std::uint32_t error = platform::LastError();
+    if (error == kErrorSharingViolation)
+        LogDuplicate();
+    else
+        LogF(L"%s: cannot take the instance lock %s, exit now: %s", kFunction, lock,
+             platform::SystemMessage(error));
+    return false;
+}
+
+// The single-instance mutex, or the lock file when another account squats its name.
+bool TakeSingleInstance() {
+    const platform::InstanceMutex mutex = platform::CreateNamedMutexHeldForLife(kSingleInstanceMutexName);
+    if (mutex.error == kErrorAlreadyExists) {
+        if (HeldByAnotherRun(mutex.owner)) {
+            LogDuplicate();
+            return false;
+        }
+        LogF(L"%s: the instance mutex is held by %s, no run of this tool: taking the lock file "
+             L"instead",
+             kFunction, mutex.owner.account);
+        return TakeLockFile();
+    }
+    if (mutex.error == kErrorAccessDenied) {
+        LogF(L"%s: the instance mutex cannot be opened (another account made it): taking the lock "
+             L"file instead",
+             kFunction);
+        return TakeLockFile();
+    }
+    return true;  // ours; other failures are ignored, as they always were
+}
 
 // The package has been checked against the host and the installed agents: install it.
 RunResult Install(App& app) {
@@ -79,11 +129,7 @@ RunResult RunTool() {
              kFunction, platform::SystemMessage(platform::LastError()));
     if (!ReadUpdateEnabled()) return run_result::kKillSwitch;
 
-    if (platform::CreateNamedMutexHeldForLife(kSingleInstanceMutexName) == kErrorAlreadyExists) {
-        std::uint32_t error = 0;
-        LogF(L"%s duplicate instance, exit now\n", core::FileNameOf(platform::ProgramPath(error)));
-        return run_result::kDuplicate;
-    }
+    if (!TakeSingleInstance()) return run_result::kDuplicate;
 
     // Once per run: the retry limits hold for every step that follows.
     ReadRetrySettings();

@@ -4,6 +4,7 @@
 
 #include "core/text.h"
 #include "download/download.h"
+#include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/system.h"
 #include "report/tool_log.h"
@@ -24,33 +25,87 @@ WorkspaceState& State() {
 }
 
 constexpr std::uint32_t kErrorAlreadyExists = 183;
+constexpr const wchar_t* kFunction = L"GetWorkspace";
+// Moves aside before giving up: enough for a race, too few for someone who keeps planting.
+constexpr int kMoveAsideAttempts = 3;
 
-// The workspace holds what this elevated process will later run, so only SYSTEM and the
-// Administrators may change it. A folder that another account made, or a link in its place, could
-// still be changed by that account between the download and the install: it is not used.
-bool UsableExistingWorkspace(const std::wstring& path) {
-    constexpr const wchar_t* kFunction = L"GetWorkspace";
-    const auto folder = platform::SecureExistingFolder(path);
-    if (!folder) {
-        LogF(L"%s: cannot check who owns %s, not using it: %s", kFunction, path,
-             platform::SystemMessage(platform::LastError()));
+// The workspace holds what this elevated process will later run, so only SYSTEM, the
+// Administrators and this account may own it. What stands in its place otherwise, as the log
+// names it; empty for a folder the tool can keep using.
+std::wstring UntrustedKind(const std::optional<platform::ExistingFolder>& found) {
+    if (!found) return L"something that cannot be opened";
+    if (found->isLink) return L"a link";
+    if (!found->isFolder) return L"a file";
+    if (!platform::TrustedFolderOwner(found->owner.kind)) return L"a folder";
+    return {};
+}
+
+std::wstring OwnerText(const std::optional<platform::ExistingFolder>& found) {
+    return found && !found->owner.account.empty() ? found->owner.account : L"unknown";
+}
+
+// Beside the workspace, named for when it was found; a later attempt of the same run adds its
+// number, since the second may well fall in the same second.
+std::wstring AsideName(const std::wstring& workspace, int attempt) {
+    const std::tm& t = platform::LocalNow().tm;
+    std::wstring name = core::Format(L"%s.untrusted-%04d%02d%02d%02d%02d%02d", workspace,
+                                     t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour,
+                                     t.tm_min, t.tm_sec);
+    return attempt ? core::Format(L"%s-%d", name, attempt + 1) : name;
+}
+
+// Never deleted: the administrator may want to see what was planted and by whom.
+bool MoveAside(const std::wstring& workspace, int attempt,
+               const std::optional<platform::ExistingFolder>& found) {
+    const std::wstring aside = AsideName(workspace, attempt);
+    if (!platform::MovePath(workspace, aside)) {
+        LogF(L"%s: cannot move %s (%s, owner %s) aside, not using it: %s", kFunction, workspace,
+             UntrustedKind(found), OwnerText(found), platform::SystemMessage(platform::LastError()));
         return false;
     }
-    if (!folder->isFolder || folder->isLink) {
-        LogF(L"%s: %s is not a plain folder (a file or a link), not using it", kFunction, path);
-        return false;
-    }
-    if (!folder->ownerTrusted) {
-        LogF(L"%s: %s was created by another account (owner %s), not using it", kFunction, path,
-             folder->owner);
-        return false;
-    }
-    if (folder->secureError) {
-        // Ours, so still usable; but say so, since others may be able to write to it.
-        LogF(L"%s: cannot restrict access to %s to SYSTEM and Administrators: %s", kFunction, path,
-             platform::SystemMessage(folder->secureError));
-    }
+    LogF(L"%s: %s (%s, owner %s) cannot be trusted, moved it aside to %s", kFunction, workspace,
+         UntrustedKind(found), OwnerText(found), aside);
     return true;
+}
+
+// Ours, so still usable; but say so when others may be able to write to it.
+void WarnIfNotPrivate(const std::wstring& workspace, const platform::ExistingFolder& folder) {
+    if (folder.secureError)
+        LogF(L"%s: cannot restrict access to %s to SYSTEM and Administrators: %s", kFunction,
+             workspace, platform::SystemMessage(folder.secureError));
+}
+
+// The temp folder itself, without the trailing backslash the system gives it.
+std::wstring TempFolderItself(const std::wstring& temp) {
+    const auto cut = temp.rfind(L'\\');
+    return cut == std::wstring::npos ? std::wstring() : temp.substr(0, cut);
+}
+
+// The folder in place when it can be trusted, else a fresh private one after moving aside what
+// stood there. Empty when that fails or something is planted again each time.
+std::wstring TrustedWorkspace(const std::wstring& temp, const std::wstring& workspace) {
+    for (int attempt = 0; attempt < kMoveAsideAttempts; ++attempt) {
+        if (!platform::PathExists(workspace)) {
+            if (platform::CreatePrivateFolder(workspace)) return workspace;
+            const std::uint32_t error = platform::LastError();
+            if (attempt == 0 && error != kErrorAlreadyExists) return TempFolderItself(temp);
+            if (error != kErrorAlreadyExists) {
+                LogF(L"%s: cannot create %s after moving the old one aside, not using it: %s",
+                     kFunction, workspace, platform::SystemMessage(error));
+                return {};
+            }
+            // Appearing between the two calls counts as existing: another account may have raced us.
+        }
+        const auto found = platform::SecureExistingFolder(workspace);
+        if (UntrustedKind(found).empty()) {
+            WarnIfNotPrivate(workspace, *found);
+            return workspace;
+        }
+        if (!MoveAside(workspace, attempt, found)) return {};
+    }
+    LogF(L"%s: %s was planted again each time it was moved aside, not using it", kFunction,
+         workspace);
+    return {};
 }
 
 std::wstring ComputeWorkspace() {
@@ -58,18 +113,7 @@ std::wstring ComputeWorkspace() {
     const std::uint32_t length = platform::GetTempFolder(temp);
     // Zero (failure) and anything above the buffer both wrap past 259.
     if (length - 1u > kMaxPath - 1u) temp = L"C:\\Temp\\";
-
-    std::wstring workspace = core::PathJoin(temp, L"updatetool-data");
-    if (platform::PathExists(workspace))
-        return UsableExistingWorkspace(workspace) ? workspace : std::wstring();
-    if (platform::CreatePrivateFolder(workspace)) return workspace;
-    // Appearing between the two calls counts as existing: another account may have raced us.
-    if (platform::LastError() == kErrorAlreadyExists)
-        return UsableExistingWorkspace(workspace) ? workspace : std::wstring();
-    // The temp folder itself, without the trailing backslash the system gives it.
-    const auto cut = temp.rfind(L'\\');
-    workspace = cut == std::wstring::npos ? std::wstring() : temp.substr(0, cut);
-    return workspace;
+    return TrustedWorkspace(temp, core::PathJoin(temp, L"updatetool-data"));
 }
 
 std::wstring CertificateUnderInstallPath(const std::wstring& root) {

@@ -11,9 +11,11 @@
 
 // %TEMP%\updatetool-data, created on first use; "C:\Temp\updatetool-data" when the temp path is
 // unusable; the temp folder itself when the subfolder cannot be created. Fixed for the process.
-// The subfolder is created for SYSTEM and the Administrators only, and an existing one is given
-// that access too; one that another account owns, or a link in its place, is refused with a log
-// line and the workspace is empty (the run's set-up then fails).
+// The subfolder is created for SYSTEM and the Administrators only, and an existing one of theirs
+// (or this account's) is given that access too. A file, a link, or a folder another account owns
+// in its place is moved aside to updatetool-data.untrusted-<local time> with a log line, and the
+// folder is created afresh; when that fails, or something is planted again each time, the
+// workspace is empty (the run's set-up then fails).
 std::wstring GetWorkspace();
 
 // <AgentInstallPath>\cert\cacert.pem of the current, then the legacy product; otherwise the DaaS

@@ -6,10 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "platform/system.h"
+
 namespace platform {
 
-// GetTempPathW with a buffer of 260 characters: returns the API's own count (0 on failure, more
-// than 260 when the path did not fit, in which case out is empty).
+// GetTempPath2W where the system has it (for SYSTEM a folder that other accounts cannot write to),
+// else GetTempPathW, with a buffer of 260 characters: returns the API's own count (0 on failure,
+// more than 260 when the path did not fit, in which case out is empty).
 std::uint32_t GetTempFolder(std::wstring& out);
 
 // GetFileAttributesW != INVALID_FILE_ATTRIBUTES.
@@ -23,17 +26,25 @@ bool CreatePrivateFolder(const std::wstring& path);
 // An existing folder as SecureExistingFolder found it. It is opened without following a link, so
 // a junction or symbolic link planted in its place is reported, never entered.
 struct ExistingFolder {
-    bool isFolder = false;      // a directory, not a file
-    bool isLink = false;        // a reparse point: junction, symbolic link, mount point
-    bool ownerTrusted = false;  // owned by SYSTEM, the Administrators or this process's account
-    std::wstring owner;         // the owner's SID, as text
+    bool isFolder = false;  // a directory, not a file
+    bool isLink = false;    // a reparse point: junction, symbolic link, mount point
+    ObjectOwner owner;
     std::uint32_t secureError = 0;  // non-zero: giving it the private DACL failed with this
 };
 
+// Who may own a workspace the tool keeps using: what they could change, this process could do.
+inline bool TrustedFolderOwner(OwnerKind kind) {
+    return kind == OwnerKind::kSystem || kind == OwnerKind::kAdministrators ||
+           kind == OwnerKind::kThisAccount;
+}
+
 // Reports what the path is and who owns it; a plain folder with a trusted owner is then given the
 // DACL of CreatePrivateFolder (one made by an older version may be open to everyone). Empty (last
-// error set) when the path cannot be opened or its owner cannot be read.
+// error set) when the path cannot be opened.
 std::optional<ExistingFolder> SecureExistingFolder(const std::wstring& path);
+
+// MoveFileExW without replacing: a link is moved itself, never what it points to.
+bool MovePath(const std::wstring& from, const std::wstring& to);
 bool DeleteFilePath(const std::wstring& path);
 
 // Creates or truncates the file (no sharing while open) and writes the bytes in full.

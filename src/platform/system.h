@@ -23,9 +23,25 @@ struct FileVersion {
 };
 std::optional<FileVersion> ReadFileVersion(const std::wstring& path);
 
+// Who owns a securable object (a folder, a mutex), as far as the tool's decisions need to know.
+enum class OwnerKind { kUnreadable, kSystem, kAdministrators, kThisAccount, kOtherAccount };
+struct ObjectOwner {
+    OwnerKind kind = OwnerKind::kUnreadable;
+    std::wstring account;  // "DOMAIN\name", or the SID as text when it has no name; may be empty
+};
+
 // CreateMutexW(nullptr, TRUE, name). The handle is never closed: process exit releases it.
-// Returns the last error after the call (183 when another process holds the name).
-std::uint32_t CreateNamedMutexHeldForLife(const std::wstring& name);
+struct InstanceMutex {
+    std::uint32_t error = 0;  // the last error after the call: 183 when the name exists already,
+                              // 5 when it exists and lets us not even open it
+    ObjectOwner owner;        // of an existing one (183), read from the handle the call returned
+};
+InstanceMutex CreateNamedMutexHeldForLife(const std::wstring& name);
+
+// Creates or opens the file with no sharing, deleted when the process ends; the handle is never
+// closed, so nobody else can open the file while this process lives. False (last error set; 32
+// when another process holds it) otherwise.
+bool HoldLockFileForLife(const std::wstring& path);
 
 // Restricts where DLLs are looked for, for the rest of the process: System32 and the program's own
 // folder, never the current folder or PATH, where anyone may plant a DLL for an elevated process

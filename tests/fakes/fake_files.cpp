@@ -68,11 +68,31 @@ std::optional<ExistingFolder> SecureExistingFolder(const std::wstring& path) {
         s.lastError = security.inspectError;
         return std::nullopt;
     }
-    ExistingFolder facts{isFolder, security.isLink, security.ownerTrusted, security.owner, 0};
-    if (!isFolder || facts.isLink || !facts.ownerTrusted) return facts;
+    ExistingFolder facts{isFolder, security.isLink, security.owner, 0};
+    if (!isFolder || facts.isLink || !TrustedFolderOwner(facts.owner.kind)) return facts;
     facts.secureError = security.secureError;
     if (!facts.secureError) security.isPrivate = true;
     return facts;
+}
+
+bool MovePath(const std::wstring& from, const std::wstring& to) {
+    auto& s = fake::State();
+    if (s.unmovable.count(from) || !PathExists(from)) {
+        s.lastError = s.unmovable.count(from) ? status::kAccessDenied : status::kFileNotFound;
+        return false;
+    }
+    if (PathExists(to)) {
+        s.lastError = status::kAlreadyExists;
+        return false;
+    }
+    if (s.folders.erase(from)) s.folders.insert(to);
+    if (auto file = s.files.extract(from)) s.files[to] = std::move(file.mapped());
+    if (auto security = s.folderSecurity.extract(from)) s.folderSecurity[to] = security.mapped();
+    if (s.replantedOnMove > 0) {
+        --s.replantedOnMove;
+        s.files[from] = {};
+    }
+    return true;
 }
 
 bool DeleteFilePath(const std::wstring& path) {

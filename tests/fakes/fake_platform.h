@@ -43,13 +43,14 @@ struct PlatformState {
     // folder owned by SYSTEM). inspectError non-zero: the folder cannot be opened or read.
     struct FolderSecurity {
         bool isLink = false;
-        std::wstring owner = L"S-1-5-18";
-        bool ownerTrusted = true;
+        platform::ObjectOwner owner{platform::OwnerKind::kSystem, L"NT AUTHORITY\\SYSTEM"};
         bool isPrivate = false;
         std::uint32_t inspectError = 0;
         std::uint32_t secureError = 0;
     };
     std::map<std::wstring, FolderSecurity, core::NoCaseLess> folderSecurity;
+    std::set<std::wstring, core::NoCaseLess> unmovable;  // MovePath from here fails with 5
+    int replantedOnMove = 0;  // the next moves each find a file planted again at once where they left
     std::wstring tempFolder = L"C:\\Users\\svc\\AppData\\Local\\Temp\\";
     std::optional<std::uint32_t> tempFolderResult;  // overrides the API's count when set
 
@@ -58,7 +59,8 @@ struct PlatformState {
     std::wstring programPath = L"C:\\Program Files\\Quorvane\\updatetool.exe";
     std::uint32_t programPathError = 0;  // non-zero: ProgramPath fails with it
     std::optional<platform::FileVersion> fileVersion = platform::FileVersion{0x00080010, 0x00020003};
-    std::set<std::wstring> mutexes;
+    std::map<std::wstring, platform::ObjectOwner> mutexes;  // with the owner an opener reads
+    std::set<std::wstring> deniedMutexes;                   // CreateMutexW fails with 5
     std::wstring commandLine = L"\"C:\\Program Files\\Quorvane\\updatetool.exe\"";
     std::wstring console;
     std::map<std::wstring, std::wstring> environment;  // for %VAR% expansion

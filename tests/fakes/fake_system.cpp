@@ -2,6 +2,7 @@
 
 #include "fake_platform.h"
 #include "platform/clock.h"
+#include "platform/files.h"
 #include "platform/system.h"
 
 namespace platform {
@@ -31,10 +32,28 @@ std::wstring ProgramPath(std::uint32_t& error) {
 
 std::optional<FileVersion> ReadFileVersion(const std::wstring&) { return fake::State().fileVersion; }
 
-std::uint32_t CreateNamedMutexHeldForLife(const std::wstring& name) {
-    const bool existed = !fake::State().mutexes.insert(name).second;
-    fake::State().lastError = existed ? status::kAlreadyExists : status::kSuccess;
-    return fake::State().lastError;
+InstanceMutex CreateNamedMutexHeldForLife(const std::wstring& name) {
+    auto& s = fake::State();
+    if (s.deniedMutexes.count(name)) return {s.lastError = status::kAccessDenied, {}};
+    const auto [mutex, created] = s.mutexes.try_emplace(name, ObjectOwner{OwnerKind::kThisAccount, L""});
+    s.lastError = created ? status::kSuccess : status::kAlreadyExists;
+    return {s.lastError, created ? ObjectOwner{} : mutex->second};
+}
+
+bool HoldLockFileForLife(const std::wstring& path) {
+    auto& s = fake::State();
+    const auto cut = path.rfind(L'\\');
+    if (s.locked.count(path)) {
+        s.lastError = 32;  // another process holds it
+        return false;
+    }
+    if (cut == std::wstring::npos || !PathExists(path.substr(0, cut))) {
+        s.lastError = status::kPathNotFound;
+        return false;
+    }
+    s.files[path] = {};
+    s.locked.insert(path);
+    return true;
 }
 
 bool RestrictDllSearch() {

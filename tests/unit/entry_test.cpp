@@ -33,7 +33,7 @@ TEST_F(EntryTest, DllSearchThatCannotBeRestrictedIsLoggedAndTheRunGoesOn) {
 }
 
 TEST_F(EntryTest, SecondInstanceLeavesOneLineWithTheProgramName) {
-    Platform().mutexes.insert(kSingleInstanceMutexName);
+    Platform().mutexes[kSingleInstanceMutexName] = {};  // whose, unreadable: as under Wine
     fake::SetRegistryString(CurrentProductRoot() + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", L"1");
     EXPECT_EQ(RunTool(), -3);
     EXPECT_EQ(LinesAfterBanner().substr(LinesAfterBanner().find(L"\r\n") + 2),
@@ -49,6 +49,72 @@ TEST_F(EntryTest, RunThatPassesTheMutexLogsItsResultName) {
     EXPECT_TRUE(Platform().mutexes.count(kSingleInstanceMutexName));
     EXPECT_TRUE(Logged(L": wmain: Updatetool rc = ERR_FAILURE\r\n"));
     EXPECT_TRUE(Platform().sleeps.empty());
+}
+
+// Who holds the instance mutex decides: a real run (SYSTEM, Administrators, this account, or an
+// owner that cannot be read) makes this one a duplicate; another account only squats the name, so
+// the run takes a lock file in the workspace instead and is a duplicate only when that is held.
+enum class Mutex { kNew, kOwned, kDenied };
+struct InstanceRow {
+    Mutex mutex;
+    platform::OwnerKind owner;
+    bool lockHeld;
+    RunResult code;
+    std::vector<std::wstring> lines;  // every line between the banner and the final one
+};
+
+class InstanceLockTest : public EntryTest, public ::testing::WithParamInterface<InstanceRow> {};
+
+constexpr const wchar_t* kLockFile = L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data\\updatetool.lock";
+const std::wstring kDuplicate = L"updatetool.exe duplicate instance, exit now\n";
+const std::wstring kSquatted =
+    L"wmain: the instance mutex is held by PC\\mallory, no run of this tool: taking the lock file instead";
+const std::wstring kDenied =
+    L"wmain: the instance mutex cannot be opened (another account made it): taking the lock file instead";
+
+TEST_P(InstanceLockTest, RunsOrRefusesAsADuplicate) {
+    const InstanceRow& row = GetParam();
+    fake::SetRegistryDword(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", 1);
+    if (row.mutex == Mutex::kOwned) Platform().mutexes[kSingleInstanceMutexName] = {row.owner, L"PC\\mallory"};
+    if (row.mutex == Mutex::kDenied) Platform().deniedMutexes.insert(kSingleInstanceMutexName);
+    if (row.lockHeld) Platform().locked.insert(kLockFile);
+
+    EXPECT_EQ(RunTool(), row.code);
+    std::vector<std::wstring> lines;
+    for (const std::wstring& wanted : {kDuplicate, kSquatted, kDenied})
+        if (Logged(wanted + L"\r\n")) lines.push_back(wanted);
+    EXPECT_EQ(lines, row.lines);
+    // A run that took the lock file holds it for the rest of the run.
+    const bool tookLock = row.code == run_result::kFailure && row.mutex != Mutex::kNew;
+    EXPECT_EQ(Platform().locked.count(kLockFile) > 0, row.lockHeld || tookLock);
+}
+
+using platform::OwnerKind;
+INSTANTIATE_TEST_SUITE_P(
+    ByOwnerAndLock, InstanceLockTest,
+    ::testing::Values(
+        InstanceRow{Mutex::kNew, OwnerKind::kThisAccount, true, run_result::kFailure, {}},
+        InstanceRow{Mutex::kOwned, OwnerKind::kSystem, false, run_result::kDuplicate, {kDuplicate}},
+        InstanceRow{Mutex::kOwned, OwnerKind::kAdministrators, false, run_result::kDuplicate, {kDuplicate}},
+        InstanceRow{Mutex::kOwned, OwnerKind::kThisAccount, false, run_result::kDuplicate, {kDuplicate}},
+        InstanceRow{Mutex::kOwned, OwnerKind::kUnreadable, false, run_result::kDuplicate, {kDuplicate}},
+        InstanceRow{Mutex::kOwned, OwnerKind::kOtherAccount, false, run_result::kFailure, {kSquatted}},
+        InstanceRow{Mutex::kOwned, OwnerKind::kOtherAccount, true, run_result::kDuplicate, {kDuplicate, kSquatted}},
+        InstanceRow{Mutex::kDenied, OwnerKind::kUnreadable, false, run_result::kFailure, {kDenied}},
+        InstanceRow{Mutex::kDenied, OwnerKind::kUnreadable, true, run_result::kDuplicate, {kDuplicate, kDenied}}));
+
+// Without a workspace there is no safe place for the lock: the run refuses rather than run twice.
+TEST_F(EntryTest, SquattedMutexWithoutAWorkspaceRefuses) {
+    fake::SetRegistryDword(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", 1);
+    Platform().deniedMutexes.insert(kSingleInstanceMutexName);
+    const std::wstring workspace = L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data";
+    Platform().folders.erase(workspace);
+    Platform().files[workspace] = {};
+    Platform().unmovable.insert(workspace);
+    ResetWorkspaceForTesting();
+    EXPECT_EQ(RunTool(), run_result::kDuplicate);
+    EXPECT_TRUE(Logged(L"wmain: cannot take the instance lock updatetool.lock, exit now: The system "
+                       L"cannot find the path specified."));
 }
 
 class PendingRebootTest : public ToolTest,

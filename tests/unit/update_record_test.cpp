@@ -312,7 +312,7 @@ TEST_F(UpdateRecordTest, RetrySettingsAcceptDwordsAndPolicy) {
 
 TEST_F(UpdateRecordTest, RunReadsRetrySettingsOnlyPastTheMutex) {
     fake::SetRegistryString(kCurrent + L"MAXDOWNLOADANDUPGRADERETRY", L"x");
-    Platform().mutexes.insert(kSingleInstanceMutexName);
+    Platform().mutexes[kSingleInstanceMutexName] = {};
     EXPECT_EQ(RunTool(), -3);
     EXPECT_FALSE(Logged(L"ReadRetrySettings"));
 

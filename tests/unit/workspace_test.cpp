@@ -1,5 +1,6 @@
 #include "download/workspace.h"
 
+#include "platform/files.h"
 #include "state/registry.h"
 #include "test_support.h"
 
@@ -46,57 +47,104 @@ TEST_F(WorkspaceTest, UncreatableSubfolderFallsBackToTheTempFolder) {
 
 constexpr const wchar_t* kWorkspace = L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data";
 
-TEST_F(WorkspaceTest, ExistingWorkspaceOfOursIsKeptAndMadePrivate) {
-    Platform().uncreatableFolders.insert(kWorkspace);
+// Still ours when its access cannot be narrowed, but the log says so.
+TEST_F(WorkspaceTest, ExistingWorkspaceThatCannotBeMadePrivateIsUsedWithAWarning) {
     Platform().folders.insert(kWorkspace);
-    EXPECT_EQ(FreshWorkspace(), kWorkspace);
-    EXPECT_TRUE(Platform().folderSecurity[kWorkspace].isPrivate);
-
-    // Still ours when its access cannot be narrowed, but the log says so.
-    Platform().folderSecurity[kWorkspace] = {};
     Platform().folderSecurity[kWorkspace].secureError = 5;
     EXPECT_EQ(FreshWorkspace(), kWorkspace);
     EXPECT_TRUE(Logged(L"GetWorkspace: cannot restrict access to " + std::wstring(kWorkspace) +
                        L" to SYSTEM and Administrators: Access is denied."));
 }
 
-// What another account could still change between the download and the install is never used:
-// the workspace is empty, so the run's set-up fails, and the log says why.
-TEST_F(WorkspaceTest, ExistingWorkspaceThatOthersControlIsRefused) {
-    struct Case {
-        const char* name;
-        void (*arrange)(fake::PlatformState&);
-        std::wstring logged;
-    };
-    const Case cases[] = {
-        {"another owner",
-         [](fake::PlatformState& s) {
-             s.folderSecurity[kWorkspace].owner = L"S-1-5-21-1-2-3-1001";
-             s.folderSecurity[kWorkspace].ownerTrusted = false;
-         },
-         L" was created by another account (owner S-1-5-21-1-2-3-1001), not using it"},
-        {"a link", [](fake::PlatformState& s) { s.folderSecurity[kWorkspace].isLink = true; },
-         L" is not a plain folder (a file or a link), not using it"},
-        {"a file",
-         [](fake::PlatformState& s) {
-             s.folders.erase(kWorkspace);
-             s.files[kWorkspace] = {};
-         },
-         L" is not a plain folder (a file or a link), not using it"},
-        {"unreadable owner",
-         [](fake::PlatformState& s) { s.folderSecurity[kWorkspace].inspectError = 5; },
-         L"GetWorkspace: cannot check who owns " + std::wstring(kWorkspace) +
-             L", not using it: Access is denied."},
-    };
-    for (const Case& c : cases) {
-        Platform().folderSecurity.erase(kWorkspace);
-        Platform().files.erase(kWorkspace);
+// What stands at the workspace's place, by kind and owner: a plain folder of SYSTEM, the
+// Administrators or this account is used (and made private); anything else another account could
+// still change before the install is moved aside with one line, and a private folder created.
+enum class Planted { kAbsent, kFolder, kFile, kLink, kUnopenable };
+struct PlantedRow {
+    Planted planted;
+    platform::OwnerKind owner;
+    const wchar_t* account;
+    const wchar_t* moved;  // "(<what>, owner <account>)" in the line; nullptr: used in place
+};
+
+class PlantedWorkspaceTest : public WorkspaceTest, public ::testing::WithParamInterface<PlantedRow> {};
+
+TEST_P(PlantedWorkspaceTest, IsUsedOrMovedAsideAndCreatedAfresh) {
+    const PlantedRow& row = GetParam();
+    Platform().folders.erase(kWorkspace);  // the log may have made it already
+    auto& security = Platform().folderSecurity[kWorkspace] = {};
+    security.owner = {row.owner, row.account};
+    security.isLink = row.planted == Planted::kLink;
+    security.inspectError = row.planted == Planted::kUnopenable ? 5 : 0;
+    if (row.planted == Planted::kFile) Platform().files[kWorkspace] = {7};
+    if (row.planted != Planted::kFile && row.planted != Planted::kAbsent)
         Platform().folders.insert(kWorkspace);
-        c.arrange(Platform());
-        const std::size_t logged = LogText().size();
-        EXPECT_EQ(FreshWorkspace(), L"") << c.name;
-        EXPECT_NE(LogText().find(c.logged, logged), std::wstring::npos) << c.name;
-        EXPECT_FALSE(Platform().folderSecurity[kWorkspace].isPrivate) << c.name;
+    const std::wstring aside = std::wstring(kWorkspace) + L".untrusted-20260302140309";
+
+    EXPECT_EQ(FreshWorkspace(), kWorkspace);
+    EXPECT_TRUE(Platform().folders.count(kWorkspace) && Platform().folderSecurity[kWorkspace].isPrivate);
+    EXPECT_FALSE(Platform().files.count(kWorkspace));
+    if (!row.moved) {
+        EXPECT_FALSE(Logged(L"GetWorkspace:"));
+        EXPECT_FALSE(platform::PathExists(aside));
+        return;
+    }
+    EXPECT_TRUE(Logged(L"GetWorkspace: " + std::wstring(kWorkspace) + L" " + row.moved +
+                       L" cannot be trusted, moved it aside to " + aside + L"\r\n"))
+        << LogText();
+    EXPECT_TRUE(platform::PathExists(aside));  // kept for the administrator to look at
+}
+
+using platform::OwnerKind;
+INSTANTIATE_TEST_SUITE_P(
+    ByKindAndOwner, PlantedWorkspaceTest,
+    ::testing::Values(
+        PlantedRow{Planted::kAbsent, OwnerKind::kSystem, L"", nullptr},
+        PlantedRow{Planted::kFolder, OwnerKind::kSystem, L"NT AUTHORITY\\SYSTEM", nullptr},
+        PlantedRow{Planted::kFolder, OwnerKind::kAdministrators, L"BUILTIN\\Administrators", nullptr},
+        PlantedRow{Planted::kFolder, OwnerKind::kThisAccount, L"PC\\svc", nullptr},
+        PlantedRow{Planted::kFolder, OwnerKind::kOtherAccount, L"PC\\mallory", L"(a folder, owner PC\\mallory)"},
+        PlantedRow{Planted::kFolder, OwnerKind::kUnreadable, L"", L"(a folder, owner unknown)"},
+        PlantedRow{Planted::kUnopenable, OwnerKind::kSystem, L"", L"(something that cannot be opened, owner unknown)"},
+        PlantedRow{Planted::kFile, OwnerKind::kSystem, L"NT AUTHORITY\\SYSTEM", L"(a file, owner NT AUTHORITY\\SYSTEM)"},
+        PlantedRow{Planted::kFile, OwnerKind::kAdministrators, L"BUILTIN\\Administrators", L"(a file, owner BUILTIN\\Administrators)"},
+        PlantedRow{Planted::kFile, OwnerKind::kOtherAccount, L"PC\\mallory", L"(a file, owner PC\\mallory)"},
+        PlantedRow{Planted::kFile, OwnerKind::kUnreadable, L"", L"(a file, owner unknown)"},
+        PlantedRow{Planted::kLink, OwnerKind::kSystem, L"NT AUTHORITY\\SYSTEM", L"(a link, owner NT AUTHORITY\\SYSTEM)"},
+        PlantedRow{Planted::kLink, OwnerKind::kAdministrators, L"BUILTIN\\Administrators", L"(a link, owner BUILTIN\\Administrators)"},
+        PlantedRow{Planted::kLink, OwnerKind::kOtherAccount, L"PC\\mallory", L"(a link, owner PC\\mallory)"},
+        PlantedRow{Planted::kLink, OwnerKind::kUnreadable, L"", L"(a link, owner unknown)"}));
+
+// A file planted by another account, and what then goes wrong: the workspace is refused (empty,
+// so the run's set-up fails) with the line that says why, or found on a later attempt.
+struct RefusalRow {
+    const char* name;
+    void (*arrange)(fake::PlatformState&);
+    bool used;
+    std::wstring line;  // after "GetWorkspace: "
+};
+
+TEST_F(WorkspaceTest, MovingAsideThatFailsOrKeepsBeingUndoneIsRefused) {
+    const std::wstring ws = kWorkspace;
+    const RefusalRow rows[] = {
+        {"move fails", [](fake::PlatformState& s) { s.unmovable.insert(kWorkspace); }, false,
+         L"cannot move " + ws + L" (a file, owner PC\\mallory) aside, not using it: Access is denied."},
+        {"creation fails", [](fake::PlatformState& s) { s.uncreatableFolders.insert(kWorkspace); }, false,
+         L"cannot create " + ws + L" after moving the old one aside, not using it: Access is denied."},
+        {"planted again each time", [](fake::PlatformState& s) { s.replantedOnMove = 3; }, false,
+         ws + L" was planted again each time it was moved aside, not using it"},
+        {"planted again once", [](fake::PlatformState& s) { s.replantedOnMove = 1; }, true,
+         ws + L" (a file, owner NT AUTHORITY\\SYSTEM) cannot be trusted, moved it aside to " + ws +
+             L".untrusted-20260302140309-2"},
+    };
+    for (const RefusalRow& row : rows) {
+        fake::Reset();
+        StartLog();
+        Platform().files[kWorkspace] = {7};
+        Platform().folderSecurity[kWorkspace].owner = {OwnerKind::kOtherAccount, L"PC\\mallory"};
+        row.arrange(Platform());
+        EXPECT_EQ(FreshWorkspace(), row.used ? ws : L"") << row.name;
+        EXPECT_TRUE(Logged(L"GetWorkspace: " + row.line + L"\r\n")) << row.name << LogText();
     }
 }
 

@@ -5,12 +5,24 @@
 #include <sddl.h>
 
 #include "platform/win32/handles.h"
+#include "platform/win32/security_win.h"
 
 namespace platform {
 
+namespace {
+using GetTempPathFunction = DWORD(WINAPI*)(DWORD, LPWSTR);
+
+// Looked up at run time: older Windows and Wine 8 do not have it.
+GetTempPathFunction TempPathFunction() {
+    const FARPROC found = ::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "GetTempPath2W");
+    return found ? reinterpret_cast<GetTempPathFunction>(reinterpret_cast<void*>(found))
+                 : &::GetTempPathW;
+}
+}  // namespace
+
 std::uint32_t GetTempFolder(std::wstring& out) {
     wchar_t buffer[MAX_PATH];
-    const DWORD length = ::GetTempPathW(MAX_PATH, buffer);
+    const DWORD length = TempPathFunction()(MAX_PATH, buffer);
     out = (length > 0 && length <= MAX_PATH) ? std::wstring(buffer, length) : std::wstring();
     return length;
 }
@@ -27,12 +39,7 @@ namespace {
 // that the parent's entries (anyone may create in a temp folder) do not flow in.
 constexpr wchar_t kPrivateFolderSddl[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
 
-struct LocalFreeTraits {
-    using Type = HLOCAL;
-    static Type Invalid() noexcept { return nullptr; }
-    static void Close(Type memory) noexcept { ::LocalFree(memory); }
-};
-using UniqueLocal = core::UniqueHandle<LocalFreeTraits>;
+using win32::UniqueLocal;
 
 UniqueLocal PrivateFolderDescriptor() {
     PSECURITY_DESCRIPTOR descriptor = nullptr;
@@ -40,16 +47,6 @@ UniqueLocal PrivateFolderDescriptor() {
                                                                 &descriptor, nullptr))
         return UniqueLocal();
     return UniqueLocal(descriptor);
-}
-
-bool IsProcessUser(PSID sid) {
-    HANDLE raw = nullptr;
-    if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, &raw)) return false;
-    const win32::UniqueKernelHandle token(raw);
-    alignas(TOKEN_USER) BYTE buffer[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
-    DWORD size = 0;
-    if (!::GetTokenInformation(token.get(), TokenUser, buffer, sizeof(buffer), &size)) return false;
-    return ::EqualSid(sid, reinterpret_cast<TOKEN_USER*>(buffer)->User.Sid);
 }
 
 }  // namespace
@@ -70,28 +67,11 @@ std::optional<ExistingFolder> SecureExistingFolder(const std::wstring& path) {
     BY_HANDLE_FILE_INFORMATION information{};
     if (!::GetFileInformationByHandle(folder.get(), &information)) return std::nullopt;
 
-    PSID owner = nullptr;
-    PSECURITY_DESCRIPTOR ownerDescriptor = nullptr;
-    const DWORD status = ::GetSecurityInfo(folder.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION,
-                                           &owner, nullptr, nullptr, nullptr, &ownerDescriptor);
-    if (status != ERROR_SUCCESS) {
-        ::SetLastError(status);
-        return std::nullopt;
-    }
-    const UniqueLocal ownerKeeper(ownerDescriptor);
-
     ExistingFolder facts;
     facts.isFolder = (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     facts.isLink = (information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-    facts.ownerTrusted = owner != nullptr && (::IsWellKnownSid(owner, WinLocalSystemSid) ||
-                                              ::IsWellKnownSid(owner, WinBuiltinAdministratorsSid) ||
-                                              IsProcessUser(owner));
-    wchar_t* ownerText = nullptr;
-    if (owner != nullptr && ::ConvertSidToStringSidW(owner, &ownerText)) {
-        facts.owner = ownerText;
-        ::LocalFree(ownerText);
-    }
-    if (!facts.isFolder || facts.isLink || !facts.ownerTrusted) return facts;
+    facts.owner = win32::OwnerOf(folder.get(), SE_FILE_OBJECT);
+    if (!facts.isFolder || facts.isLink || !TrustedFolderOwner(facts.owner.kind)) return facts;
 
     const UniqueLocal descriptor = PrivateFolderDescriptor();
     BOOL present = FALSE, defaulted = FALSE;
@@ -106,6 +86,10 @@ std::optional<ExistingFolder> SecureExistingFolder(const std::wstring& path) {
                           nullptr, dacl, nullptr);
     if (secured != ERROR_SUCCESS) facts.secureError = secured;
     return facts;
+}
+
+bool MovePath(const std::wstring& from, const std::wstring& to) {
+    return ::MoveFileExW(from.c_str(), to.c_str(), 0);
 }
 
 bool DeleteFilePath(const std::wstring& path) { return ::DeleteFileW(path.c_str()); }

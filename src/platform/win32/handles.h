@@ -36,6 +36,14 @@ struct FindHandleTraits {
 };
 using UniqueFindHandle = core::UniqueHandle<FindHandleTraits>;
 
+// Memory the system allocated for us with LocalAlloc (security descriptors, SID texts).
+struct LocalFreeTraits {
+    using Type = HLOCAL;
+    static Type Invalid() noexcept { return nullptr; }
+    static void Close(Type memory) noexcept { ::LocalFree(memory); }
+};
+using UniqueLocal = core::UniqueHandle<LocalFreeTraits>;
+
 // A COM interface pointer: its "none" is null, and giving it up is Release.
 template <typename Interface>
 struct ComInterfaceTraits {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/text.h"
+#include "platform/win32/security_win.h"
 
 namespace platform {
 
@@ -46,10 +47,21 @@ std::optional<FileVersion> ReadFileVersion(const std::wstring& path) {
     return FileVersion{info->dwFileVersionMS, info->dwFileVersionLS};
 }
 
-std::uint32_t CreateNamedMutexHeldForLife(const std::wstring& name) {
+InstanceMutex CreateNamedMutexHeldForLife(const std::wstring& name) {
     // Deliberately never closed: the process exit releases it.
-    ::CreateMutexW(nullptr, TRUE, name.c_str());
-    return ::GetLastError();
+    const HANDLE mutex = ::CreateMutexW(nullptr, TRUE, name.c_str());
+    InstanceMutex found{::GetLastError(), {}};
+    if (mutex != nullptr && found.error == ERROR_ALREADY_EXISTS)
+        found.owner = win32::OwnerOf(mutex, SE_KERNEL_OBJECT);
+    return found;
+}
+
+bool HoldLockFileForLife(const std::wstring& path) {
+    // Deliberately never closed: the process exit releases it, and the system deletes the file.
+    const HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, 0,
+                                      nullptr, OPEN_ALWAYS,
+                                      FILE_ATTRIBUTE_NORMAL | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    return file != INVALID_HANDLE_VALUE;
 }
 
 bool RestrictDllSearch() {
