@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "ascii_text.h"
+
 namespace kesclient {
 namespace {
 
@@ -13,10 +15,6 @@ bool Refuse(std::string* why, const char* text) {
 std::nullopt_t RefuseName(std::string* why, const char* text) {
     Refuse(why, text);
     return std::nullopt;
-}
-
-char UpperAscii(char c) {
-    return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
 bool IsSeparator(char c) {
@@ -120,8 +118,7 @@ bool IsReservedDeviceName(std::string_view component) {
     // Windows looks at the part before the first dot, without trailing blanks.
     std::string_view base = component.substr(0, component.find('.'));
     while (!base.empty() && (base.back() == ' ' || base.back() == '.')) base.remove_suffix(1);
-    std::string upper;
-    for (const char c : base) upper.push_back(UpperAscii(c));
+    const std::string upper = UpperAscii(base);
     static constexpr std::string_view kNames[] = {"CON",    "PRN",     "AUX",   "NUL",
                                                   "CONIN$", "CONOUT$", "CLOCK$"};
     for (const std::string_view name : kNames) {
