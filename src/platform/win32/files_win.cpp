@@ -32,7 +32,7 @@ struct LocalFreeTraits {
     static Type Invalid() noexcept { return nullptr; }
     static void Close(Type memory) noexcept { ::LocalFree(memory); }
 };
-using UniqueLocal = core::UniqueHandle<LocalFreeTraits>;
+using UniqueLocal = common::UniqueHandle<LocalFreeTraits>;
 
 UniqueLocal PrivateFolderDescriptor() {
     PSECURITY_DESCRIPTOR descriptor = nullptr;
@@ -159,7 +159,7 @@ struct MappedViewTraits {
     static Type Invalid() noexcept { return nullptr; }
     static void Close(Type view) noexcept { ::UnmapViewOfFile(view); }
 };
-using UniqueMappedView = core::UniqueHandle<MappedViewTraits>;
+using UniqueMappedView = common::UniqueHandle<MappedViewTraits>;
 }  // namespace
 
 bool MapFileCreatingIfMissing(const std::wstring& path,
