@@ -251,6 +251,16 @@ struct Answer {
     bool ranged = false;  // a Range was asked for
 };
 
+// Redirects are ours to follow: WinHTTP would follow them without our trust check. False when the
+// trust's ignored failures cannot be set.
+bool SetRequestOptions(HINTERNET request, const ServerTrust& trust) {
+    DWORD features = WINHTTP_DISABLE_REDIRECTS | WINHTTP_DISABLE_COOKIES;
+    ::WinHttpSetOption(request, WINHTTP_OPTION_DISABLE_FEATURE, &features, sizeof(features));
+    DWORD ignored = trust.IgnoredFailures();
+    return ignored == 0 ||
+           ::WinHttpSetOption(request, WINHTTP_OPTION_SECURITY_FLAGS, &ignored, sizeof(ignored));
+}
+
 // Sends the GET for target.url, following redirects hop by hop, each hop checked like the first.
 TransferOutcome Request(const TransferTarget& target, HINTERNET session, std::uint64_t offset,
                         const std::string& validator, Answer* answer) {
@@ -274,12 +284,7 @@ TransferOutcome Request(const TransferTarget& target, HINTERNET session, std::ui
         HINTERNET request = answer->request.get();
         if (!request) return RequestFailed("open request", ::GetLastError());
 
-        // Redirects are ours to follow: WinHTTP would follow them without our trust check.
-        DWORD features = WINHTTP_DISABLE_REDIRECTS | WINHTTP_DISABLE_COOKIES;
-        ::WinHttpSetOption(request, WINHTTP_OPTION_DISABLE_FEATURE, &features, sizeof(features));
-        DWORD ignored = target.trust->IgnoredFailures();
-        if (ignored != 0 && !::WinHttpSetOption(request, WINHTTP_OPTION_SECURITY_FLAGS, &ignored,
-                                                sizeof(ignored))) {
+        if (!SetRequestOptions(request, *target.trust)) {
             return RequestFailed("set security flags", ::GetLastError());
         }
         RequestWatch watch;
