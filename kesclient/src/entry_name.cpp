@@ -2,6 +2,9 @@
 
 #include <cstdint>
 
+#include "ascii_text.h"
+#include "common/utf8.h"
+
 namespace kesclient {
 namespace {
 
@@ -13,10 +16,6 @@ bool Refuse(std::string* why, const char* text) {
 std::nullopt_t RefuseName(std::string* why, const char* text) {
     Refuse(why, text);
     return std::nullopt;
-}
-
-char UpperAscii(char c) {
-    return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
 bool IsSeparator(char c) {
@@ -57,24 +56,6 @@ std::size_t DecodeUtf8(std::string_view text, std::size_t i, std::uint32_t* code
     return length;
 }
 
-void AppendUtf8(std::string& out, std::uint32_t cp) {
-    if (cp < 0x80) {
-        out.push_back(static_cast<char>(cp));
-    } else if (cp < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else if (cp < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    }
-}
-
 std::uint32_t FoldCodePoint(std::uint32_t cp) {
     if (cp >= 'A' && cp <= 'Z') return cp + 0x20;
     if (cp >= 0xC0 && cp <= 0xDE && cp != 0xD7) return cp + 0x20;  // Latin-1
@@ -110,7 +91,7 @@ std::string FoldCase(std::string_view utf8) {
             folded.push_back(utf8[i++]);
             continue;
         }
-        AppendUtf8(folded, FoldCodePoint(cp));
+        common::AppendUtf8(folded, FoldCodePoint(cp));
         i += length;
     }
     return folded;
@@ -120,8 +101,7 @@ bool IsReservedDeviceName(std::string_view component) {
     // Windows looks at the part before the first dot, without trailing blanks.
     std::string_view base = component.substr(0, component.find('.'));
     while (!base.empty() && (base.back() == ' ' || base.back() == '.')) base.remove_suffix(1);
-    std::string upper;
-    for (const char c : base) upper.push_back(UpperAscii(c));
+    const std::string upper = UpperAscii(base);
     static constexpr std::string_view kNames[] = {"CON",    "PRN",     "AUX",   "NUL",
                                                   "CONIN$", "CONOUT$", "CLOCK$"};
     for (const std::string_view name : kNames) {

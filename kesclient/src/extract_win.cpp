@@ -96,7 +96,7 @@ private:
     }
 
     std::wstring root_;
-    UniqueFile file_;
+    UniqueFileHandle file_;
     std::vector<std::wstring> directories_;  // parents first
     std::vector<std::wstring> files_;
 };
@@ -182,7 +182,7 @@ private:
 
 bool FeedArchive(const std::wstring& archive, ArchiveExtractor& extractor,
                  std::vector<std::uint8_t>& buffer, std::string* why) {
-    UniqueFile file(::CreateFileW(archive.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+    UniqueFileHandle file(::CreateFileW(archive.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                   OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
     if (!file) {
         *why = "cannot open the archive: " + ErrorText(::GetLastError());

@@ -52,7 +52,7 @@ bool EnsureDirectory(const std::wstring& path) {
 }
 
 bool ReadSmallFile(const std::wstring& path, std::size_t limit, std::string* contents) {
-    UniqueFile file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+    UniqueFileHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                   OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file) return false;
     LARGE_INTEGER size{};
@@ -79,7 +79,7 @@ bool ReadSmallFile(const std::wstring& path, std::size_t limit, std::string* con
 bool ReplaceFileContents(const std::wstring& path, std::string_view contents) {
     const std::wstring temporary = path + L".new";
     {
-        UniqueFile file(::CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+        UniqueFileHandle file(::CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                                       FILE_ATTRIBUTE_NORMAL, nullptr));
         if (!file) return false;
         DWORD written = 0;
@@ -117,7 +117,7 @@ bool RemoveTree(const std::wstring& path) {
     if (!(attributes & FILE_ATTRIBUTE_DIRECTORY)) return RemoveFile(path);
     if (!(attributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
         WIN32_FIND_DATAW data;
-        UniqueFind find(::FindFirstFileW(JoinPath(path, L"*").c_str(), &data));
+        UniqueFindHandle find(::FindFirstFileW(JoinPath(path, L"*").c_str(), &data));
         if (find) {
             do {
                 const std::wstring name = data.cFileName;

@@ -1,46 +1,22 @@
 #include "http_values.h"
 
-#include <limits>
+#include "ascii_text.h"
 
 namespace kesclient {
 namespace {
 
 constexpr std::size_t kMaxValidatorLength = 256;
 
-std::string_view TrimWhitespace(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-    return text;
-}
-
-// Digits only, at least one, no overflow.
-std::optional<std::uint64_t> ParseDecimal(std::string_view digits) {
-    if (digits.empty()) return std::nullopt;
-    std::uint64_t value = 0;
-    for (const char c : digits) {
-        if (c < '0' || c > '9') return std::nullopt;
-        const auto digit = static_cast<std::uint64_t>(c - '0');
-        if (value > (std::numeric_limits<std::uint64_t>::max() - digit) / 10) return std::nullopt;
-        value = value * 10 + digit;
-    }
-    return value;
-}
-
 }  // namespace
 
 std::optional<std::uint64_t> ParseContentLength(std::string_view text) {
-    return ParseDecimal(TrimWhitespace(text));
+    return ParseDecimal(Trim(text, kHeaderBlanks));
 }
 
 std::optional<ContentRange> ParseContentRange(std::string_view text) {
-    text = TrimWhitespace(text);
+    text = Trim(text, kHeaderBlanks);
     constexpr std::string_view kUnit = "bytes ";
-    if (text.size() < kUnit.size()) return std::nullopt;
-    for (std::size_t i = 0; i < kUnit.size(); ++i) {
-        const char c = text[i];
-        const char lower = (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-        if (lower != kUnit[i]) return std::nullopt;
-    }
+    if (!StartsWithNoCase(text, kUnit)) return std::nullopt;
     text.remove_prefix(kUnit.size());
     const std::size_t dash = text.find('-');
     const std::size_t slash = text.find('/');
@@ -80,8 +56,8 @@ bool IsSafeHeaderValue(std::string_view text) {
 }
 
 std::string ChooseResumeValidator(std::string_view etag, std::string_view lastModified) {
-    etag = TrimWhitespace(etag);
-    lastModified = TrimWhitespace(lastModified);
+    etag = Trim(etag, kHeaderBlanks);
+    lastModified = Trim(lastModified, kHeaderBlanks);
     if (IsStrongEntityTag(etag)) return std::string(etag);
     if (etag.empty() && IsSafeHeaderValue(lastModified)) return std::string(lastModified);
     return {};

@@ -61,7 +61,7 @@ private:
     std::wstring partialPath_;
     std::wstring resumePath_;
     Digest expected_;
-    UniqueFile file_;
+    UniqueFileHandle file_;
     Hasher hasher_;
     std::uint64_t size_ = 0;
     std::string validator_;

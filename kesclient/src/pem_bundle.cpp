@@ -1,5 +1,7 @@
 #include "pem_bundle.h"
 
+#include "ascii_text.h"
+
 namespace kesclient {
 namespace {
 
@@ -27,7 +29,7 @@ std::optional<std::vector<std::uint8_t>> DecodeBase64(std::string_view text) {
     std::size_t symbols = 0;
     std::size_t padding = 0;
     for (const char c : text) {
-        if (c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
+        if (IsBlank(c)) continue;
         if (c == '=') {
             ++padding;
             ++symbols;

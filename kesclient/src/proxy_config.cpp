@@ -1,25 +1,9 @@
 #include "proxy_config.h"
 
+#include "ascii_text.h"
+
 namespace kesclient {
 namespace {
-
-bool IsBlank(char c) {
-    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
-}
-
-std::string_view Trim(std::string_view text) {
-    while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
-    while (!text.empty() && IsBlank(text.back())) text.remove_suffix(1);
-    return text;
-}
-
-std::string UpperAscii(std::string_view text) {
-    std::string upper(text);
-    for (char& c : upper) {
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-    }
-    return upper;
-}
 
 bool IsHostChar(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
@@ -47,7 +31,7 @@ std::optional<std::string> NormaliseProxy(std::string_view text) {
     text = Trim(text);
     const std::size_t schemeEnd = text.find("://");
     if (schemeEnd != std::string_view::npos) {
-        if (UpperAscii(text.substr(0, schemeEnd)) != "HTTP") return std::nullopt;
+        if (!EqualsNoCase(text.substr(0, schemeEnd), "http")) return std::nullopt;
         text.remove_prefix(schemeEnd + 3);
         if (text.ends_with("/")) text.remove_suffix(1);
     }
@@ -82,15 +66,11 @@ std::optional<std::string> NormaliseProxy(std::string_view text) {
             if (!IsHostChar(c)) return std::nullopt;
         }
     }
-    unsigned value = 80;
+    std::uint64_t value = 80;
     if (!port.empty()) {
-        if (port.size() > 5) return std::nullopt;
-        value = 0;
-        for (const char c : port) {
-            if (c < '0' || c > '9') return std::nullopt;
-            value = value * 10 + static_cast<unsigned>(c - '0');
-        }
-        if (value == 0 || value > 65535) return std::nullopt;
+        const auto parsed = port.size() <= 5 ? ParseDecimal(port, 65535) : std::nullopt;
+        if (!parsed || *parsed == 0) return std::nullopt;
+        value = *parsed;
     }
     return std::string(host) + ":" + std::to_string(value);
 }

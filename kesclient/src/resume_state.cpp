@@ -1,23 +1,11 @@
 #include "resume_state.h"
 
-#include <limits>
+#include "ascii_text.h"
 
 namespace kesclient {
 namespace {
 
 constexpr std::string_view kHeader = "kesclient-resume 1";
-
-std::optional<std::uint64_t> ParseNumber(std::string_view digits) {
-    if (digits.empty() || digits.size() > 20) return std::nullopt;
-    std::uint64_t value = 0;
-    for (const char c : digits) {
-        if (c < '0' || c > '9') return std::nullopt;
-        const auto digit = static_cast<std::uint64_t>(c - '0');
-        if (value > (std::numeric_limits<std::uint64_t>::max() - digit) / 10) return std::nullopt;
-        value = value * 10 + digit;
-    }
-    return value;
-}
 
 bool IsPrintable(std::string_view text) {
     for (const char c : text) {
@@ -77,7 +65,8 @@ std::optional<ResumeState> ParseResumeState(std::string_view text) {
                 break;
             case 3:
             case 4: {
-                const auto number = ParseNumber(value);
+                if (value.size() > 20) return std::nullopt;
+                const auto number = ParseDecimal(value);
                 if (!number) return std::nullopt;
                 (bit == 3 ? state.offset : state.total) = *number;
                 break;

@@ -1,5 +1,7 @@
 #include "run_settings.h"
 
+#include "ascii_text.h"
+
 namespace kesclient {
 namespace {
 
@@ -9,13 +11,9 @@ constexpr std::uint64_t kMaximumMs = 7ull * 24 * 60 * 60 * 1000;
 }  // namespace
 
 std::optional<std::uint64_t> ParseMilliseconds(std::string_view text) {
-    if (text.empty() || text.size() > 12) return std::nullopt;
-    std::uint64_t value = 0;
-    for (const char c : text) {
-        if (c < '0' || c > '9') return std::nullopt;
-        value = value * 10 + static_cast<std::uint64_t>(c - '0');
-    }
-    if (value < kMinimumMs || value > kMaximumMs) return std::nullopt;
+    if (text.size() > 12) return std::nullopt;
+    const auto value = ParseDecimal(text, kMaximumMs);
+    if (!value || *value < kMinimumMs) return std::nullopt;
     return value;
 }
 

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <limits>
 
+#include "ascii_text.h"
+
 namespace kesclient {
 namespace {
 
@@ -47,16 +49,10 @@ TarEntryType TypeOf(char flag) {
     }
 }
 
-std::optional<std::uint64_t> ParseDecimal(std::string_view digits) {
-    if (digits.empty() || digits.size() > 20) return std::nullopt;
-    std::uint64_t value = 0;
-    for (const char c : digits) {
-        if (c < '0' || c > '9') return std::nullopt;
-        const auto digit = static_cast<std::uint64_t>(c - '0');
-        if (value > (kMaxValue - digit) / 10) return std::nullopt;
-        value = value * 10 + digit;
-    }
-    return value;
+// A pax record's number: at most 20 digits, and within the 63 bits any size here may have.
+std::optional<std::uint64_t> ParsePaxNumber(std::string_view digits) {
+    if (digits.size() > 20) return std::nullopt;
+    return ParseDecimal(digits, kMaxValue);
 }
 
 }  // namespace
@@ -104,7 +100,7 @@ std::optional<PaxRecords> ParsePaxRecords(std::string_view data) {
     while (!data.empty()) {
         const std::size_t space = data.find(' ');
         if (space == std::string_view::npos) return std::nullopt;
-        const auto length = ParseDecimal(data.substr(0, space));
+        const auto length = ParsePaxNumber(data.substr(0, space));
         if (!length || *length <= space + 1 || *length > data.size()) return std::nullopt;
         const std::string_view record = data.substr(0, static_cast<std::size_t>(*length));
         data.remove_prefix(record.size());
@@ -118,7 +114,7 @@ std::optional<PaxRecords> ParsePaxRecords(std::string_view data) {
             if (value.empty()) return std::nullopt;
             records.path = std::string(value);
         } else if (key == "size") {
-            records.size = ParseDecimal(value);
+            records.size = ParsePaxNumber(value);
             if (!records.size) return std::nullopt;
         } else if (key.starts_with("GNU.sparse.")) {
             records.sparse = true;

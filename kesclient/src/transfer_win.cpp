@@ -251,6 +251,16 @@ struct Answer {
     bool ranged = false;  // a Range was asked for
 };
 
+// Redirects are ours to follow: WinHTTP would follow them without our trust check. False when the
+// trust's ignored failures cannot be set.
+bool SetRequestOptions(HINTERNET request, const ServerTrust& trust) {
+    DWORD features = WINHTTP_DISABLE_REDIRECTS | WINHTTP_DISABLE_COOKIES;
+    ::WinHttpSetOption(request, WINHTTP_OPTION_DISABLE_FEATURE, &features, sizeof(features));
+    DWORD ignored = trust.IgnoredFailures();
+    return ignored == 0 ||
+           ::WinHttpSetOption(request, WINHTTP_OPTION_SECURITY_FLAGS, &ignored, sizeof(ignored));
+}
+
 // Sends the GET for target.url, following redirects hop by hop, each hop checked like the first.
 TransferOutcome Request(const TransferTarget& target, HINTERNET session, std::uint64_t offset,
                         const std::string& validator, Answer* answer) {
@@ -274,12 +284,7 @@ TransferOutcome Request(const TransferTarget& target, HINTERNET session, std::ui
         HINTERNET request = answer->request.get();
         if (!request) return RequestFailed("open request", ::GetLastError());
 
-        // Redirects are ours to follow: WinHTTP would follow them without our trust check.
-        DWORD features = WINHTTP_DISABLE_REDIRECTS | WINHTTP_DISABLE_COOKIES;
-        ::WinHttpSetOption(request, WINHTTP_OPTION_DISABLE_FEATURE, &features, sizeof(features));
-        DWORD ignored = target.trust->IgnoredFailures();
-        if (ignored != 0 && !::WinHttpSetOption(request, WINHTTP_OPTION_SECURITY_FLAGS, &ignored,
-                                                sizeof(ignored))) {
+        if (!SetRequestOptions(request, *target.trust)) {
             return RequestFailed("set security flags", ::GetLastError());
         }
         RequestWatch watch;
@@ -334,30 +339,26 @@ TransferOutcome Request(const TransferTarget& target, HINTERNET session, std::ui
     }
 }
 
-// One answer: from the partial file's end (or from the start) to the end of the file or of what
-// WinHTTP delivers. *cut: WinHTTP ended the body at its cap and the rest can be asked for.
-TransferOutcome TransferAnswer(const TransferTarget& target, PartialFile& partial, RunContext& run,
-                               bool* cut) {
-    *cut = false;
-    UniqueInternet session = OpenSession(target.route, run);
-    if (!session) return RequestFailed("open session", ::GetLastError());
-
-    Answer answer;
+// Sends the request, with a range when the partial file has bytes and a validator, and settles
+// what the server makes of it. A second pass only when the server refuses the range we asked for:
+// start over without it. Success: answer holds a 200 for the whole file (the partial file emptied)
+// or a 206 that continues it.
+TransferOutcome NegotiateRange(const TransferTarget& target, HINTERNET session,
+                               PartialFile& partial, Answer* answer) {
     std::string why;
-    // A second pass only when the server refuses the range we asked for: start over without it.
     for (int pass = 0;; ++pass) {
         TransferOutcome sent =
-            Request(target, session.get(), partial.size(), partial.validator(), &answer);
+            Request(target, session, partial.size(), partial.validator(), answer);
         if (sent.code != KESCLIENT_SUCCESS) return sent;
         const bool restart =
-            answer.ranged && (answer.status == 416 || answer.status == 206) && pass == 0;
-        if (answer.status == 206 && answer.ranged) {
+            answer->ranged && (answer->status == 416 || answer->status == 206) && pass == 0;
+        if (answer->status == 206 && answer->ranged) {
             std::string text;
-            QueryHeader(answer.request.get(), WINHTTP_QUERY_CONTENT_RANGE, &text);
+            QueryHeader(answer->request.get(), WINHTTP_QUERY_CONTENT_RANGE, &text);
             // Only a range that continues where the file stops and names the file's length: a
             // shorter one could pass for the end of the file.
             const auto range = ParseContentRange(text);
-            const bool same = SameVersion(answer.request.get(), partial.validator());
+            const bool same = SameVersion(answer->request.get(), partial.validator());
             if (range && range->first == partial.size() && range->complete && same) break;
             if (same) {
                 Log(kLogWarning,
@@ -369,7 +370,7 @@ TransferOutcome TransferAnswer(const TransferTarget& target, PartialFile& partia
                     "kesclient: [%s] range answer is from another version than %s; starting over",
                     target.id.c_str(), partial.validator().c_str());
             }
-        } else if (answer.status == 416 && answer.ranged) {
+        } else if (answer->status == 416 && answer->ranged) {
             Log(kLogWarning, "kesclient: [%s] server refused to resume; starting over",
                 target.id.c_str());
         } else {
@@ -380,34 +381,43 @@ TransferOutcome TransferAnswer(const TransferTarget& target, PartialFile& partia
                            "server cannot resume");
         if (!partial.Restart(&why)) return Outcome(KESCLIENT_DOWNLOAD_FAILED, NextStep::kStop, why);
     }
-    HINTERNET request = answer.request.get();
 
-    if (answer.status == 206 && !answer.ranged) {
+    if (answer->status == 206 && !answer->ranged) {
         return Outcome(KESCLIENT_DOWNLOAD_FAILED, NextStep::kNextMirror,
                        "partial answer to a request for the whole file");
     }
-    if (answer.status != 200 && answer.status != 206) {
+    if (answer->status != 200 && answer->status != 206) {
         return Outcome(KESCLIENT_DOWNLOAD_FAILED, NextStep::kNextMirror,
-                       "HTTP status " + std::to_string(answer.status));
+                       "HTTP status " + std::to_string(answer->status));
     }
-    if (answer.status == 200 && partial.size() > 0) {
+    if (answer->status == 200 && partial.size() > 0) {
         Log(kLogInfo,
             "kesclient: [%s] server sent the whole file (changed or no range support); starting "
             "over",
             target.id.c_str());
         if (!partial.Restart(&why)) return Outcome(KESCLIENT_DOWNLOAD_FAILED, NextStep::kStop, why);
     }
-    const std::uint64_t start = partial.size();
+    return Outcome(KESCLIENT_SUCCESS, NextStep::kDone, "");
+}
 
-    // How long the body is: Content-Length parsed as 64-bit text (the numeric query stops at
-    // 2^31-1), and for a range the length of the whole file from Content-Range.
+struct BodyLengths {
+    std::optional<std::uint64_t> total;  // the whole file's length, when the answer names it
+    std::optional<std::uint64_t> limit;  // the most bytes the file may have
+};
+
+// How long the body is: Content-Length parsed as 64-bit text (the numeric query stops at
+// 2^31-1), and for a range the length of the whole file from Content-Range; both checked against
+// each other and against the size the caller expects.
+TransferOutcome CheckLengths(const TransferTarget& target, PartialFile& partial,
+                             const Answer& answer, BodyLengths* lengths) {
+    HINTERNET request = answer.request.get();
     std::string text;
     std::optional<std::uint64_t> bodyLength;
     if (!BodyLength(request, &bodyLength, &text)) {
         return Outcome(KESCLIENT_DOWNLOAD_FAILED, NextStep::kNextMirror,
                        "malformed or conflicting Content-Length \"" + text + "\"");
     }
-    std::optional<std::uint64_t> total;
+    std::optional<std::uint64_t>& total = lengths->total;
     if (answer.status == 206) {
         QueryHeader(request, WINHTTP_QUERY_CONTENT_RANGE, &text);
         const auto range = ParseContentRange(text);
@@ -430,12 +440,101 @@ TransferOutcome TransferAnswer(const TransferTarget& target, PartialFile& partia
                        "server announces " + Decimal(*total) + " bytes, expected " +
                            Decimal(*target.expectedSize));
     }
-    const std::optional<std::uint64_t> limit = total ? total : target.expectedSize;
+    lengths->limit = total ? total : target.expectedSize;
     if (bodyLength && *bodyLength > kWinHttpAnswerCap) {
         // A body cut at the cap leaves its rest unread on the connection: never pool it.
         DWORD features = WINHTTP_DISABLE_KEEP_ALIVE;
         ::WinHttpSetOption(request, WINHTTP_OPTION_DISABLE_FEATURE, &features, sizeof(features));
     }
+    return Outcome(KESCLIENT_SUCCESS, NextStep::kDone, "");
+}
+
+// Wine's WinHTTP returns from a read only once the buffer is full or the body ends. While data
+// flows (the receive buffer holds a good part of its 8 KiB), one large read keeps the calls few; a
+// trickle is read as it comes, or a server sending a byte now and then would hold the run past its
+// time limit. A read that times out loses what it gathered; a resume fetches it again.
+bool ReadSome(HINTERNET request, std::uint8_t* into, std::size_t room, DWORD* read) {
+    DWORD available = 0;
+    if (!::WinHttpQueryDataAvailable(request, &available)) return false;
+    const std::size_t wanted =
+        available >= kFlowingBytes ? room : std::min<std::size_t>(available, room);
+    return ::WinHttpReadData(request, into, static_cast<DWORD>(wanted), read) != FALSE;
+}
+
+std::string ReadFailure(DWORD error, const RunContext& run) {
+    // Wine reports the receive timeout as the socket's WSAETIMEDOUT.
+    const bool stalled = error == ERROR_WINHTTP_TIMEOUT || error == WSAETIMEDOUT;
+    return stalled ? "no data for " + Decimal(run.settings.stallTimeoutMs / 1000) + " s (stalled)"
+                   : "connection lost: " + ErrorText(error);
+}
+
+// The body. Reads fill one half of the run's buffer; a full half goes to the background writer
+// (hash, then disk) while the network fills the other one. Not one byte past limit is kept.
+// Returns with the writer drained: the partial file is the caller's again. *diskFailed: writing
+// failed, so the partial file's state is not worth remembering.
+TransferOutcome ReceiveBody(HINTERNET request, PartialFile& partial, RunContext& run,
+                            std::optional<std::uint64_t> limit, Progress& progress,
+                            bool* diskFailed) {
+    const std::size_t half = run.buffer.size() / 2;
+    std::uint64_t position = partial.size();  // bytes received so far, written or not
+    std::size_t filled = 0;
+    std::string why;
+    BackgroundWriter writer(partial, run.buffer.data(), run.buffer.data() + half, half);
+    // Every way out of the loop waits for the writer first: the partial file is its alone.
+    auto settle = [&](KesClientResult code, NextStep next, std::string reason) {
+        const bool written = writer.Submit(filled) && writer.Drain(&why);
+        filled = 0;
+        *diskFailed = !written;
+        if (!written) return Outcome(KESCLIENT_DOWNLOAD_FAILED, NextStep::kStop, why);
+        return Outcome(code, next, std::move(reason));
+    };
+    for (;;) {
+        if (run.TimeUp()) {
+            return settle(KESCLIENT_DOWNLOAD_FAILED, NextStep::kStop,
+                          "time limit of the run reached");
+        }
+        DWORD read = 0;
+        if (!ReadSome(request, writer.buffer() + filled, half - filled, &read)) {
+            const DWORD error = ::GetLastError();
+            return settle(KESCLIENT_DOWNLOAD_FAILED, NextStep::kNextMirror, ReadFailure(error, run));
+        }
+        if (read == 0) return settle(KESCLIENT_SUCCESS, NextStep::kDone, "");
+        position += read;
+        if (limit && position > *limit) {
+            filled = 0;  // not one byte past the limit is kept
+            return settle(KESCLIENT_WRONG_SIZE_ERROR, NextStep::kNextMirror,
+                          "more bytes than the " + Decimal(*limit) + " expected");
+        }
+        filled += read;
+        if (filled == half) {
+            if (!writer.Submit(filled)) {
+                filled = 0;
+                return settle(KESCLIENT_DOWNLOAD_FAILED, NextStep::kStop, "");
+            }
+            filled = 0;
+        }
+        progress.Report(position);
+    }
+}
+
+// One answer: from the partial file's end (or from the start) to the end of the file or of what
+// WinHTTP delivers. *cut: WinHTTP ended the body at its cap and the rest can be asked for.
+TransferOutcome TransferAnswer(const TransferTarget& target, PartialFile& partial, RunContext& run,
+                               bool* cut) {
+    *cut = false;
+    UniqueInternet session = OpenSession(target.route, run);
+    if (!session) return RequestFailed("open session", ::GetLastError());
+
+    Answer answer;
+    const TransferOutcome negotiated = NegotiateRange(target, session.get(), partial, &answer);
+    if (negotiated.code != KESCLIENT_SUCCESS) return negotiated;
+    HINTERNET request = answer.request.get();
+    const std::uint64_t start = partial.size();
+    BodyLengths lengths;
+    const TransferOutcome checked = CheckLengths(target, partial, answer, &lengths);
+    if (checked.code != KESCLIENT_SUCCESS) return checked;
+    const std::optional<std::uint64_t>& total = lengths.total;
+    const std::optional<std::uint64_t>& limit = lengths.limit;
 
     std::string etag, lastModified;
     QueryHeader(request, WINHTTP_QUERY_ETAG, &etag);
@@ -444,85 +543,17 @@ TransferOutcome TransferAnswer(const TransferTarget& target, PartialFile& partia
         answer.status == 206 ? partial.validator() : ChooseResumeValidator(etag, lastModified);
     partial.Remember(target.url, validator, total.value_or(0));
 
-    // The body. Reads fill one half of the run's buffer; a full half goes to the background writer
-    // (hash, then disk) while the network fills the other one.
     Progress progress(target.id, start, limit);
-    const std::size_t half = run.buffer.size() / 2;
-    std::uint64_t position = start;  // bytes received so far, written or not
-    std::size_t filled = 0;
     bool diskFailed = false;
-    {
-        BackgroundWriter writer(partial, run.buffer.data(), run.buffer.data() + half, half);
-        // Every way out of the loop waits for the writer first: the partial file is its alone.
-        auto settle = [&](KesClientResult code, NextStep next, std::string reason) {
-            const bool written = writer.Submit(filled) && writer.Drain(&why);
-            filled = 0;
-            diskFailed = !written;
-            if (!written) return Outcome(KESCLIENT_DOWNLOAD_FAILED, NextStep::kStop, why);
-            return Outcome(code, next, std::move(reason));
-        };
-        TransferOutcome outcome;
-        for (;;) {
-            if (run.TimeUp()) {
-                outcome = settle(KESCLIENT_DOWNLOAD_FAILED, NextStep::kStop,
-                                 "time limit of the run reached");
-                break;
-            }
-            // Wine's WinHTTP returns from a read only once the buffer is full or the body ends.
-            // While data flows (the receive buffer holds a good part of its 8 KiB), one large read
-            // keeps the calls few; a trickle is read as it comes, or a server sending a byte now
-            // and then would hold the run past its time limit. A read that times out loses what
-            // it gathered; a resume fetches it again.
-            DWORD available = 0;
-            DWORD read = 0;
-            const bool answered = ::WinHttpQueryDataAvailable(request, &available) != FALSE;
-            const std::size_t room = half - filled;
-            const std::size_t wanted =
-                available >= kFlowingBytes ? room : std::min<std::size_t>(available, room);
-            if (!answered || !::WinHttpReadData(request, writer.buffer() + filled,
-                                                static_cast<DWORD>(wanted), &read)) {
-                const DWORD error = ::GetLastError();
-                // Wine reports the receive timeout as the socket's WSAETIMEDOUT.
-                const bool stalled = error == ERROR_WINHTTP_TIMEOUT || error == WSAETIMEDOUT;
-                const std::string reason =
-                    stalled ? "no data for " + Decimal(run.settings.stallTimeoutMs / 1000) +
-                                  " s (stalled)"
-                            : "connection lost: " + ErrorText(error);
-                outcome = settle(KESCLIENT_DOWNLOAD_FAILED, NextStep::kNextMirror, reason);
-                break;
-            }
-            if (read == 0) {
-                outcome = settle(KESCLIENT_SUCCESS, NextStep::kDone, "");
-                break;
-            }
-            position += read;
-            if (limit && position > *limit) {
-                filled = 0;  // not one byte past the limit is kept
-                outcome = settle(KESCLIENT_WRONG_SIZE_ERROR, NextStep::kNextMirror,
-                                 "more bytes than the " + Decimal(*limit) + " expected");
-                break;
-            }
-            filled += read;
-            if (filled == half) {
-                if (!writer.Submit(filled)) {
-                    filled = 0;
-                    outcome = settle(KESCLIENT_DOWNLOAD_FAILED, NextStep::kStop, "");
-                    break;
-                }
-                filled = 0;
-            }
-            progress.Report(position);
+    const TransferOutcome outcome = ReceiveBody(request, partial, run, limit, progress, &diskFailed);
+    if (outcome.next != NextStep::kDone) {
+        if (outcome.code == KESCLIENT_WRONG_SIZE_ERROR) {
+            partial.Discard();
+        } else if (!diskFailed) {
+            partial.Remember(target.url, validator,
+                             total.value_or(0));  // what the next run resumes from
         }
-        if (outcome.next != NextStep::kDone) {
-            // The writer is drained: the partial file is ours again.
-            if (outcome.code == KESCLIENT_WRONG_SIZE_ERROR) {
-                partial.Discard();
-            } else if (!diskFailed) {
-                partial.Remember(target.url, validator,
-                                 total.value_or(0));  // what the next run resumes from
-            }
-            return outcome;
-        }
+        return outcome;
     }
     progress.Summary(partial.size());
 

@@ -1,13 +1,11 @@
 #include "url.h"
 
+#include "ascii_text.h"
+
 namespace kesclient {
 namespace {
 
 constexpr std::size_t kMaxUrlLength = 8192;
-
-char LowerAscii(char c) {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
 
 bool IsAlpha(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
@@ -82,9 +80,7 @@ std::optional<HttpsUrl> ParseHttpsUrl(std::string_view text, std::string* why) {
     }
     const std::string_view scheme = SchemeOf(text);
     if (scheme.empty()) return Refuse(why, "no scheme");
-    std::string lowerScheme;
-    for (const char c : scheme) lowerScheme.push_back(LowerAscii(c));
-    if (lowerScheme != "https") return Refuse(why, "not https");
+    if (!EqualsNoCase(scheme, "https")) return Refuse(why, "not https");
     std::string_view rest = text.substr(scheme.size() + 1);
     if (!rest.starts_with("//")) return Refuse(why, "no authority");
     rest.remove_prefix(2);
@@ -104,17 +100,12 @@ std::optional<HttpsUrl> ParseHttpsUrl(std::string_view text, std::string* why) {
     if (colon != std::string_view::npos && (closing == std::string_view::npos || colon > closing)) {
         host = authority.substr(0, colon);
         const std::string_view port = authority.substr(colon + 1);
-        if (port.empty() || port.size() > 5) return Refuse(why, "bad port");
-        unsigned value = 0;
-        for (const char c : port) {
-            if (!IsDigit(c)) return Refuse(why, "bad port");
-            value = value * 10 + static_cast<unsigned>(c - '0');
-        }
-        if (value == 0 || value > 65535) return Refuse(why, "bad port");
-        url.port = static_cast<std::uint16_t>(value);
+        const auto value = port.size() <= 5 ? ParseDecimal(port, 65535) : std::nullopt;
+        if (!value || *value == 0) return Refuse(why, "bad port");
+        url.port = static_cast<std::uint16_t>(*value);
     }
     if (!ParseHost(host, why)) return std::nullopt;
-    for (const char c : host) url.host.push_back(LowerAscii(c));
+    url.host = LowerAscii(host);
 
     const std::size_t fragment = tail.find('#');
     if (fragment != std::string_view::npos) tail = tail.substr(0, fragment);
@@ -151,10 +142,7 @@ std::string RemoveDotSegments(std::string_view path) {
 }
 
 std::optional<std::string> ResolveLocation(const HttpsUrl& base, std::string_view location) {
-    while (!location.empty() && (location.front() == ' ' || location.front() == '\t'))
-        location.remove_prefix(1);
-    while (!location.empty() && (location.back() == ' ' || location.back() == '\t'))
-        location.remove_suffix(1);
+    location = Trim(location, kHeaderBlanks);
     if (location.empty() || location.size() > kMaxUrlLength) return std::nullopt;
     for (const char c : location) {
         const auto byte = static_cast<unsigned char>(c);

@@ -3,6 +3,7 @@
 #include <cwctype>
 #include <limits>
 
+#include "common/utf8.h"
 #include "core/core_exception.h"
 
 namespace core {
@@ -82,21 +83,7 @@ std::string Utf8FromWide(std::wstring_view text) {
         } else if (IsSurrogate(cp) || cp > kMaxCodePoint) {
             throw CORE::coreException("to_mstr Failed");
         }
-        if (cp < 0x80) {
-            out.push_back(static_cast<char>(cp));
-        } else if (cp < 0x800) {
-            out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else if (cp < 0x10000) {
-            out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-            out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else {
-            out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-            out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        }
+        common::AppendUtf8(out, cp);
     }
     return out;
 }

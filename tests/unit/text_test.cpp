@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "common/unique_handle.h"
 #include "core/core_exception.h"
 #include "core/format.h"
-#include "core/unique_handle.h"
 
 namespace {
 
@@ -106,7 +106,7 @@ struct IntTraits {
     static int Invalid() noexcept { return -1; }
     static void Close(int h) noexcept { g_closed.push_back(h); }
 };
-using UniqueInt = core::UniqueHandle<IntTraits>;
+using UniqueInt = common::UniqueHandle<IntTraits>;
 
 TEST(UniqueHandle, ClosesExactlyOnceAcrossMovesResetsAndRelease) {
     g_closed.clear();

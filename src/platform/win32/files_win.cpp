@@ -143,7 +143,7 @@ struct MappedViewTraits {
     static Type Invalid() noexcept { return nullptr; }
     static void Close(Type view) noexcept { ::UnmapViewOfFile(view); }
 };
-using UniqueMappedView = core::UniqueHandle<MappedViewTraits>;
+using UniqueMappedView = common::UniqueHandle<MappedViewTraits>;
 }  // namespace
 
 bool MapFileCreatingIfMissing(const std::wstring& path,

@@ -1,40 +1,23 @@
 #pragma once
-// Owners for the Windows handle kinds used by the adapters, one alias per "no handle" convention.
+// Owners for the Windows handle kinds used by the adapters, one alias per "no handle" convention:
+// the kinds the content client shares come from common/handles_win.h, the tool's own are here.
 #include <windows.h>
 
-#include "core/unique_handle.h"
+#include "common/handles_win.h"
+#include "common/unique_handle.h"
 
 namespace platform::win32 {
+
+using common::UniqueFileHandle;
+using common::UniqueFindHandle;
+using common::UniqueKernelHandle;
 
 struct RegistryKeyTraits {
     using Type = HKEY;
     static Type Invalid() noexcept { return nullptr; }
     static void Close(Type key) noexcept { ::RegCloseKey(key); }
 };
-using UniqueRegistryKey = core::UniqueHandle<RegistryKeyTraits>;
-
-// Kernel objects whose "none" is null: processes, threads, mutexes, mappings.
-struct KernelHandleTraits {
-    using Type = HANDLE;
-    static Type Invalid() noexcept { return nullptr; }
-    static void Close(Type handle) noexcept { ::CloseHandle(handle); }
-};
-using UniqueKernelHandle = core::UniqueHandle<KernelHandleTraits>;
-
-// CreateFileW's "none" is INVALID_HANDLE_VALUE.
-struct FileHandleTraits {
-    using Type = HANDLE;
-    static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
-    static void Close(Type handle) noexcept { ::CloseHandle(handle); }
-};
-using UniqueFileHandle = core::UniqueHandle<FileHandleTraits>;
-
-struct FindHandleTraits {
-    using Type = HANDLE;
-    static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
-    static void Close(Type handle) noexcept { ::FindClose(handle); }
-};
-using UniqueFindHandle = core::UniqueHandle<FindHandleTraits>;
+using UniqueRegistryKey = common::UniqueHandle<RegistryKeyTraits>;
 
 // Memory the system allocated for us with LocalAlloc (security descriptors, SID texts).
 struct LocalFreeTraits {
@@ -42,7 +25,7 @@ struct LocalFreeTraits {
     static Type Invalid() noexcept { return nullptr; }
     static void Close(Type memory) noexcept { ::LocalFree(memory); }
 };
-using UniqueLocal = core::UniqueHandle<LocalFreeTraits>;
+using UniqueLocal = common::UniqueHandle<LocalFreeTraits>;
 
 // A COM interface pointer: its "none" is null, and giving it up is Release.
 template <typename Interface>
@@ -52,6 +35,6 @@ struct ComInterfaceTraits {
     static void Close(Type pointer) noexcept { pointer->Release(); }
 };
 template <typename Interface>
-using UniqueComInterface = core::UniqueHandle<ComInterfaceTraits<Interface>>;
+using UniqueComInterface = common::UniqueHandle<ComInterfaceTraits<Interface>>;
 
 }  // namespace platform::win32

@@ -1,10 +1,10 @@
 #pragma once
-// A move-only owner for an operating-system handle. Each handle kind supplies a traits type:
+// A move-only owner for an operating-system handle, the one template both binaries use. Each handle kind supplies a traits type:
 //   struct Traits { using Type = ...; static Type Invalid() noexcept; static void Close(Type) noexcept; };
 // so that kinds with different "no handle" values (null, INVALID_HANDLE_VALUE) cannot be mixed up.
 #include <utility>
 
-namespace core {
+namespace common {
 
 template <typename Traits>
 class UniqueHandle {
@@ -43,4 +43,4 @@ private:
     Type value_;
 };
 
-}  // namespace core
+}  // namespace common
