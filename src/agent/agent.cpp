@@ -6,6 +6,7 @@
 #include "platform/file_search.h"
 #include "platform/installer_database.h"
 #include "platform/process.h"
+#include "platform/registry.h"
 #include "platform/system.h"
 #include "platform/system_info.h"
 #include "report/tool_log.h"
@@ -15,6 +16,10 @@ namespace {
 constexpr std::wstring_view kX64Tag = L"x86_64";
 
 std::optional<bool> g_hostX64Override;
+
+bool IsMissingFileError(std::uint32_t error) {
+    return error == platform::status::kFileNotFound || error == platform::status::kPathNotFound;
+}
 
 std::wstring LastCharacters(const std::wstring& text, std::size_t count) {
     return text.size() > count ? text.substr(text.size() - count) : text;
@@ -127,7 +132,12 @@ LaunchResult Agent::LaunchHelper(bool test, const std::wstring& commandLine,
         exitCode = 0;
         return launch_result::kDone;
     }
-    const platform::ProcessRun run = platform::RunProcessAndWait(commandLine, installerPath_);
+    platform::ProcessRun run = platform::RunProcessAndWait(commandLine, installerPath_);
+    if (run.outcome == platform::ProcessOutcome::kHoldFailed && IsMissingFileError(run.error)) {
+        // Nothing there to protect: let the plain start report it (CreateProcess's error for a
+        // program, msiexec's own exit code for a package).
+        run = platform::RunProcessAndWait(commandLine);
+    }
     switch (run.outcome) {
         case platform::ProcessOutcome::kHoldFailed:
             LogF(L"%s: ERROR: cannot open %s to keep it unchanged while it runs: %s", kFunction,

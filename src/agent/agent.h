@@ -56,8 +56,8 @@ public:
     LaunchResult LaunchHelper(bool test, const std::wstring& commandLine,
                               std::uint32_t& exitCode) const;
 
-    // Whether the machine is x64, worked out and logged on first use (so after the entry point,
-    // once the log exists) and then kept for the process.
+    // Whether the machine is x64, worked out and logged once and then kept for the process. The
+    // program asks right after its log is created, before the entry point (src/app/main.cpp).
     static bool IsHostX64();
     // The detection itself, with its log line.
     static bool DetectHostX64();

@@ -26,6 +26,50 @@ void AppendCodePoint(std::wstring& out, char32_t cp) {
     out.push_back(static_cast<wchar_t>(cp));
 }
 
+// Well-formed UTF-8 (the Unicode standard's table of byte sequences): the lead byte fixes the
+// length and the range of the first continuation byte, which rules out overlong forms, surrogates
+// and code points past U+10FFFF. `replace` turns each maximal ill-formed subpart into one U+FFFD;
+// otherwise the first one throws.
+std::wstring DecodeUtf8(std::string_view text, bool replace) {
+    std::wstring out;
+    out.reserve(text.size());
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        std::size_t length = 0;
+        unsigned char low = 0x80, high = 0xBF;  // the first continuation byte's range
+        if (lead < 0x80) {
+            length = 1;
+        } else if (lead >= 0xC2 && lead <= 0xDF) {
+            length = 2;
+        } else if (lead >= 0xE0 && lead <= 0xEF) {
+            length = 3;
+            if (lead == 0xE0) low = 0xA0;
+            if (lead == 0xED) high = 0x9F;
+        } else if (lead >= 0xF0 && lead <= 0xF4) {
+            length = 4;
+            if (lead == 0xF0) low = 0x90;
+            if (lead == 0xF4) high = 0x8F;
+        }
+        char32_t cp = length == 1 ? lead : lead & (0x7F >> length);
+        std::size_t taken = 1;  // bytes of the sequence seen to be good
+        for (; length != 0 && taken < length && i + taken < text.size(); ++taken) {
+            const auto next = static_cast<unsigned char>(text[i + taken]);
+            const bool fits = taken == 1 ? (next >= low && next <= high) : (next & 0xC0) == 0x80;
+            if (!fits) break;
+            cp = (cp << 6) | (next & 0x3F);
+        }
+        if (length == 0 || taken < length) {
+            if (!replace) throw CORE::coreException("to_wstr Failed");
+            out.push_back(static_cast<wchar_t>(0xFFFD));
+        } else {
+            AppendCodePoint(out, cp);
+        }
+        i += taken;
+    }
+    return out;
+}
+
 template <typename Int>
 bool ParseDecimal(std::wstring_view text, Int& out) {
     if (text.empty()) return false;
@@ -89,41 +133,11 @@ std::string Utf8FromWide(std::wstring_view text) {
 }
 
 std::wstring WideFromUtf8(std::string_view text) {
-    std::wstring out;
-    out.reserve(text.size());
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const auto lead = static_cast<unsigned char>(text[i]);
-        std::size_t length;
-        char32_t cp;
-        if (lead < 0x80) {
-            length = 1;
-            cp = lead;
-        } else if ((lead & 0xE0) == 0xC0) {
-            length = 2;
-            cp = lead & 0x1F;
-        } else if ((lead & 0xF0) == 0xE0) {
-            length = 3;
-            cp = lead & 0x0F;
-        } else if ((lead & 0xF8) == 0xF0) {
-            length = 4;
-            cp = lead & 0x07;
-        } else {
-            throw CORE::coreException("to_wstr Failed");
-        }
-        if (i + length > text.size()) throw CORE::coreException("to_wstr Failed");
-        for (std::size_t k = 1; k < length; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            if ((next & 0xC0) != 0x80) throw CORE::coreException("to_wstr Failed");
-            cp = (cp << 6) | (next & 0x3F);
-        }
-        static constexpr char32_t kMinimum[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (cp < kMinimum[length] || cp > kMaxCodePoint || IsSurrogate(cp))
-            throw CORE::coreException("to_wstr Failed");
-        AppendCodePoint(out, cp);
-        i += length;
-    }
-    return out;
+    return DecodeUtf8(text, false);
+}
+
+std::wstring WideFromUtf8Lenient(std::string_view text) {
+    return DecodeUtf8(text, true);
 }
 
 std::wstring WideFromUtf16Bytes(const std::vector<std::uint8_t>& bytes) {

@@ -13,6 +13,8 @@ namespace core {
 // Throw CORE::coreException("to_mstr Failed") / ("to_wstr Failed") on malformed input.
 std::string Utf8FromWide(std::wstring_view text);
 std::wstring WideFromUtf8(std::string_view text);
+// Text from outside that must not be lost: each ill-formed sequence becomes one U+FFFD.
+std::wstring WideFromUtf8Lenient(std::string_view text);
 
 // UTF-16LE bytes to text: an odd trailing byte is dropped; the text ends at the end of the data
 // (embedded NULs are kept; the caller decides what a terminator means).

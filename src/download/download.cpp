@@ -1,6 +1,7 @@
 #include "download/download.h"
 
 #include <array>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,45 +40,58 @@ KesClientString View(const std::string& text) { return {text.data(), text.size()
 
 enum class CertMode { kPem, kThumbprint, kSystem };
 
-// Trust set-up from CERTTYPE; false (RESULT "INVALID") when the configuration cannot work.
-bool ConfigureTrust(const platform::ContentClient& client, const UpdateRecord& record) {
+// How the server is to be trusted: only what CERTTYPE names, nothing else.
+struct Trust {
+    CertMode mode = CertMode::kSystem;
+    std::string pemPath;  // UTF-8, kPem only
+};
+
+// The trust mode from CERTTYPE, decided from the record alone; nullopt (RESULT "INVALID") when the
+// configuration cannot work.
+std::optional<Trust> ChooseTrust(const UpdateRecord& record) {
     const std::wstring& type = record.certType;
     if (type.empty()) {
         LogF(L"%s: certificate type not specified", kFunction);
-        return false;
+        return std::nullopt;
     }
     if (platform::EqualsIgnoreCase(type, L"CERT_PEM")) {
         const std::wstring pem = UtilGetPEMFilePath();
         if (pem.empty()) {
             LogF(L"%s: CertType is specified as CERT_PEM, but certificate PEM filePath is empty",
                  kFunction);
-            return false;
+            return std::nullopt;
         }
         LogF(L"%s: certificate PEM filePath: %s", kFunction, pem);
-        const std::string path = core::Utf8FromWide(pem);
-        const KesClientString view = View(path);
-        client.usePemFile(&view);
-        return true;
+        return Trust{CertMode::kPem, core::Utf8FromWide(pem)};
     }
     if (platform::EqualsIgnoreCase(type, L"THUMBPRINT")) {
         if (record.thumbprints.empty()) {
             LogF(L"%s: CertType is specified as THUMBPRINT, but thumbprints are not provided for "
                  L"server cert validation. ",
                  kFunction);
-            return false;
+            return std::nullopt;
         }
         LogF(L"%s: Using thumbprints for verifying server certificate. Thumbprint count: %d",
              kFunction, static_cast<int>(record.thumbprints.size()));
-        return true;
+        return Trust{CertMode::kThumbprint, {}};
     }
     if (platform::EqualsIgnoreCase(type, L"CERT_SYSTEM_CA")) {
         LogF(L"%s: Using system CA for certificate type", kFunction);
-        const int enable = 1;
-        client.useSystemStore(&enable);
-        return true;
+        return Trust{CertMode::kSystem, {}};
     }
     LogF(L"%s: Invalid certificate type specified", kFunction);
-    return false;
+    return std::nullopt;
+}
+
+// Tells the library how to check the server. Thumbprints travel with the download itself.
+void ApplyTrust(const platform::ContentClient& client, const Trust& trust) {
+    if (trust.mode == CertMode::kPem) {
+        const KesClientString view = View(trust.pemPath);
+        client.usePemFile(&view);
+    } else if (trust.mode == CertMode::kSystem) {
+        const int enable = 1;
+        client.useSystemStore(&enable);
+    }
 }
 
 // The package's local path and how the library treats it, from the first URL's last component.
@@ -183,6 +197,19 @@ bool Util_DoDownload() {
     }
     if (record.state != update_state::kDownload) return false;
 
+    // Configuration faults are the record's, whatever state the library is in.
+    const std::optional<Trust> trust = ChooseTrust(record);
+    if (!trust) return Invalid(record);
+    if (record.urls.empty()) {
+        LogF(L"%s: download URL empty", kFunction);
+        return Invalid(record);
+    }
+    if (!LibraryCanTakeTexts(record)) {
+        // As unusable as a missing location, and the service has to hear so.
+        LogF(L"%s: update key holds text that is not valid UTF-16", kFunction);
+        return Invalid(record);
+    }
+
     std::wstring loadError;
     const platform::ContentClient* client = platform::LoadContentClient(loadError);
     if (client == nullptr) {
@@ -193,17 +220,7 @@ bool Util_DoDownload() {
         record.errorDesc = loadError;
         return false;
     }
-
-    if (!ConfigureTrust(*client, record)) return Invalid(record);
-    if (record.urls.empty()) {
-        LogF(L"%s: download URL empty", kFunction);
-        return Invalid(record);
-    }
-    if (!LibraryCanTakeTexts(record)) {
-        // As unusable as a missing location, and the service has to hear so.
-        LogF(L"%s: update key holds text that is not valid UTF-16", kFunction);
-        return Invalid(record);
-    }
+    ApplyTrust(*client, *trust);
 
     const std::wstring workspace = GetWorkspace();
     const std::string id = core::Utf8FromWide(record.keyId);
@@ -218,7 +235,11 @@ bool Util_DoDownload() {
          workspace, record.fileName, KesClientPayloadTypeName(payloadType));
 
     const Utf8List urls(record.urls);
-    const Utf8List thumbprints(record.thumbprints, true);
+    // Pins only when the administrator chose them: in the other modes the library checks the PEM
+    // file or the system store, and a thumbprint must not widen that.
+    const Utf8List thumbprints(
+        trust->mode == CertMode::kThumbprint ? record.thumbprints : std::vector<std::wstring>{},
+        true);
     const Utf8List proxies(record.proxies);
     const std::string pacUrl = core::Utf8FromWide(record.pacUrl);
     const KesClientString idView = View(id), pacView = View(pacUrl), folderView = View(folder),

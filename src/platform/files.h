@@ -47,7 +47,8 @@ std::optional<ExistingFolder> SecureExistingFolder(const std::wstring& path);
 bool MovePath(const std::wstring& from, const std::wstring& to);
 bool DeleteFilePath(const std::wstring& path);
 
-// Creates or truncates the file (no sharing while open) and writes the bytes in full.
+// Creates or truncates the file (no sharing while open) and writes the bytes in full. On failure
+// the last error is the failing call's.
 bool WriteWholeFile(const std::wstring& path, const std::vector<std::uint8_t>& bytes);
 std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::wstring& path);
 

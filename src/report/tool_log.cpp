@@ -7,7 +7,6 @@
 #include <fmt/format.h>
 #include <fmt/xchar.h>
 
-#include "core/core_exception.h"
 #include "core/text.h"
 #include "download/workspace.h"
 #include "platform/clock.h"
@@ -100,8 +99,8 @@ void ToolLog::Log(const std::wstring& message) {
     const auto body = core::Utf16BytesFromWide(text_, false);
     bytes.insert(bytes.end(), body.begin(), body.end());
     // A failed write is not reported: the text stays in memory and the next line rewrites it all.
-    const std::uint32_t saved = platform::LastError();
-    if (!platform::WriteWholeFile(path_, bytes)) platform::SetLastError(saved);
+    // The thread's last error then tells why the write failed.
+    platform::WriteWholeFile(path_, bytes);
 }
 
 void Log(const std::wstring& message) {
@@ -125,14 +124,8 @@ void ToolLogLibraryCallback(int level, const char* format, std::va_list args) {
         if (static_cast<std::size_t>(needed) < buffer.size()) break;
         buffer.resize(buffer.size() * 2);
     }
-    std::wstring text;
-    try {
-        text = core::WideFromUtf8(buffer.data());
-    } catch (const CORE::coreException&) {
-        // The library's text is not ours to trust; keep the line rather than lose it.
-        for (const char* c = buffer.data(); *c; ++c)
-            text.push_back(static_cast<unsigned char>(*c) < 0x80 ? static_cast<wchar_t>(*c) : L'?');
-    }
+    // The library's text is not ours to trust: a bad sequence costs one character, not the line.
+    const std::wstring text = core::WideFromUtf8Lenient(buffer.data());
     const wchar_t* tag = (level >= 0 && level <= 3) ? kTags[level] : L"";
     Log(tag + text);
 }

@@ -88,7 +88,8 @@ struct PlatformState {
     std::deque<ScriptedProcess> processScript;
     std::vector<std::wstring> processesRun;  // command lines, including failed creations
     std::vector<std::wstring> heldFiles;     // the file held for each run ("" when none); a
-                                             // path in `locked` cannot be held (32)
+                                             // path in `locked` cannot be held (32), nor one
+                                             // missing from `files` (2)
     // Installed products by upgrade code (case-insensitive, as GUID texts are).
     struct InstalledProduct {
         std::wstring productCode;

@@ -6,6 +6,7 @@ namespace platform {
 ProcessRun RunProcessAndWait(const std::wstring& commandLine, const std::wstring& heldFile) {
     auto& s = fake::State();
     if (!heldFile.empty() && s.locked.count(heldFile)) return {ProcessOutcome::kHoldFailed, 0, 32};
+    if (!heldFile.empty() && !s.files.count(heldFile)) return {ProcessOutcome::kHoldFailed, 0, 2};
     s.processesRun.push_back(commandLine);
     s.heldFiles.push_back(heldFile);
     fake::PlatformState::ScriptedProcess next;

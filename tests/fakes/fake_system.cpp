@@ -18,6 +18,7 @@ std::wstring SystemMessage(std::uint32_t error) {
         case 32: return L"The process cannot access the file because it is being used by another process.";
         case 3: return L"The system cannot find the path specified.";
         case 1603: return L"Fatal error during installation.";
+        case 1619: return L"This installation package could not be opened.";
         case 1638: return L"Another version of this product is already installed.";
         case 3010: return L"The requested operation is successful.  Changes will not be effective until the system is rebooted.";
         case 0x80070005: return L"Access is denied.";

@@ -247,34 +247,63 @@ TEST_F(AgentTest, LaunchHelperRefusesToRunNothing) {
     EXPECT_TRUE(Platform().processesRun.empty());
 }
 
-TEST_F(AgentTest, LaunchHelperReportsProcessFailuresAndExitCodes) {
-    Platform().processScript = {{0, 2, 0}, {0, 0, 5}, {1603, 0, 0}};
-    const ProbeAgent agent(L"", L"D:\\a.exe");
-    std::uint32_t exitCode = 77;
-    EXPECT_EQ(agent.LaunchHelper(false, L"D:\\a.exe /s", exitCode), launch_result::kNotRun);
-    EXPECT_TRUE(
-        Logged(L"Agent::LaunchHelper: ERROR: CreateProcess failed: 2 (The system cannot find the "
-               L"file specified.)"));
-    EXPECT_EQ(agent.LaunchHelper(false, L"D:\\a.exe /s", exitCode), launch_result::kNotRun);
-    EXPECT_TRUE(
-        Logged(L"Agent::LaunchHelper: ERROR: GetExitCodeProcess failed: 5 (Access is denied.)"));
-    EXPECT_EQ(exitCode, 77u);
-    EXPECT_EQ(agent.LaunchHelper(false, L"D:\\a.exe /s", exitCode), launch_result::kDone);
-    EXPECT_EQ(exitCode, 1603u);
-    EXPECT_TRUE(Logged(
-        L"Agent::LaunchHelper: D:\\a.exe /s returned: 1603 (Fatal error during installation.)"));
-    EXPECT_EQ(Platform().processesRun.size(), 3u);
-    // Each run held the installer it was checked with.
-    EXPECT_EQ(Platform().heldFiles, std::vector<std::wstring>(3, L"D:\\a.exe"));
+enum class Installer { kPresent, kMissing, kOpenForWriting };
 
-    // An installer that someone else has open for writing is not started.
-    Platform().locked.insert(L"D:\\a.exe");
-    EXPECT_EQ(agent.LaunchHelper(false, L"D:\\a.exe /s", exitCode), launch_result::kNotRun);
-    EXPECT_TRUE(Logged(L"Agent::LaunchHelper: ERROR: cannot open D:\\a.exe to keep it unchanged "
-                       L"while it runs: 32 (The process cannot access the file because it is "
-                       L"being used by another process.)"));
-    EXPECT_EQ(Platform().processesRun.size(), 3u);
+struct LaunchCase {
+    const wchar_t* path;
+    Installer installer;
+    fake::PlatformState::ScriptedProcess process;
+    LaunchResult result;
+    std::uint32_t exitCode;  // 77: untouched
+    const wchar_t* line;     // after "Agent::LaunchHelper: "
+    const wchar_t* held;     // nullptr: nothing started
+};
+
+class LaunchHelperTest : public AgentTest, public ::testing::WithParamInterface<LaunchCase> {};
+
+TEST_P(LaunchHelperTest, ReportsWhatHappenedToTheInstaller) {
+    const LaunchCase& c = GetParam();
+    if (c.installer != Installer::kMissing) Platform().files[c.path] = {'p'};
+    if (c.installer == Installer::kOpenForWriting) Platform().locked.insert(c.path);
+    Platform().processScript = {c.process};
+    // A package runs through msiexec, a program by itself.
+    const std::wstring line = std::wstring(c.path).ends_with(L".msi")
+                                  ? std::wstring(L"msiexec /i ") + c.path + L" /qn"
+                                  : std::wstring(c.path) + L" /s";
+    std::uint32_t exitCode = 77;
+    EXPECT_EQ(ProbeAgent(L"", c.path).LaunchHelper(false, line, exitCode), c.result);
+    EXPECT_EQ(exitCode, c.exitCode);
+    EXPECT_TRUE(Logged(std::wstring(L"Agent::LaunchHelper: ") + c.line + L"\r\n"));
+    EXPECT_EQ(Platform().heldFiles,
+              c.held ? std::vector<std::wstring>{c.held} : std::vector<std::wstring>{});
 }
+
+constexpr const wchar_t* kOpenForWritingLine =
+    L"ERROR: cannot open D:\\a.msi to keep it unchanged while it runs: 32 (The process cannot "
+    L"access the file because it is being used by another process.)";
+
+INSTANTIATE_TEST_SUITE_P(
+    Installers, LaunchHelperTest,
+    ::testing::Values(
+        // The installer that was checked is held while it runs.
+        LaunchCase{L"D:\\a.msi", Installer::kPresent, {1603, 0, 0}, launch_result::kDone, 1603,
+                   L"msiexec /i D:\\a.msi /qn returned: 1603 (Fatal error during installation.)",
+                   L"D:\\a.msi"},
+        LaunchCase{L"D:\\a.msi", Installer::kPresent, {0, 5, 0}, launch_result::kNotRun, 77,
+                   L"ERROR: CreateProcess failed: 5 (Access is denied.)", L"D:\\a.msi"},
+        LaunchCase{L"D:\\a.msi", Installer::kPresent, {0, 0, 5}, launch_result::kNotRun, 77,
+                   L"ERROR: GetExitCodeProcess failed: 5 (Access is denied.)", L"D:\\a.msi"},
+        // Someone else may still change it: not started.
+        LaunchCase{L"D:\\a.msi", Installer::kOpenForWriting, {}, launch_result::kNotRun, 77,
+                   kOpenForWritingLine, nullptr},
+        // Nothing to protect: the plain start says what is wrong.
+        LaunchCase{L"D:\\a.msi", Installer::kMissing, {1619, 0, 0}, launch_result::kDone, 1619,
+                   L"msiexec /i D:\\a.msi /qn returned: 1619 (This installation package could not "
+                   L"be opened.)",
+                   L""},
+        LaunchCase{L"D:\\a.exe", Installer::kMissing, {0, 2, 0}, launch_result::kNotRun, 77,
+                   L"ERROR: CreateProcess failed: 2 (The system cannot find the file specified.)",
+                   L""}));
 
 // ---- The host ----
 

@@ -1,5 +1,7 @@
 #include "download/download.h"
 
+#include <algorithm>
+
 #include "app/entry.h"
 #include "fake_content_client.h"
 #include "kesclient/kesclient.h"
@@ -94,61 +96,114 @@ INSTANTIATE_TEST_SUITE_P(
 struct CertCase {
     const wchar_t* certType;
     bool pemExists;
-    int thumbprints;
-    const wchar_t* line;  // after "Util_DoDownload: "
-    bool valid;
+    bool withThumbprints;  // METADATA holds "", "AB:CD"
+    const wchar_t* line;   // after "Util_DoDownload: "
+    const wchar_t* result;
+    const char* trustCall;  // the library's trust set-up before createDownload; "" for none
+    std::vector<std::string> pins;
 };
 
 class CertificateModeTest : public DownloadTest, public ::testing::WithParamInterface<CertCase> {};
 
-TEST_P(CertificateModeTest, ChoosesTrustOrRefusesTheConfiguration) {
+TEST_P(CertificateModeTest, HandsTheLibraryOnlyWhatTheModeNames) {
     const CertCase& c = GetParam();
     Record().certType = c.certType;
-    for (int i = 0; i < c.thumbprints; ++i) Record().thumbprints.push_back(i ? L"AB:CD" : L"");
+    if (c.withThumbprints) Record().thumbprints = {L"", L"AB:CD"};
     if (c.pemExists) {
         fake::SetRegistryString(CurrentProductRoot() + L"\\AgentInstallPath", L"C:\\Agent");
         Platform().files[L"C:\\Agent\\cert\\cacert.pem"] = {};
     }
     EXPECT_FALSE(Util_DoDownload());
-    EXPECT_TRUE(Logged(std::wstring(L"Util_DoDownload: ") + c.line + L"\r\n")) << c.certType;
-    EXPECT_EQ(Record().result, c.valid ? L"OK" : L"INVALID");
-    if (!c.valid) {
+    EXPECT_TRUE(Logged(std::wstring(L"Util_DoDownload: ") + c.line + L"\r\n"));
+    EXPECT_EQ(Record().result, c.result);
+    if (std::wstring(c.result) == L"INVALID") {
         EXPECT_TRUE(Client().calls.empty());
-    } else if (c.pemExists) {
-        EXPECT_EQ(Client().calls.front(), "usePemFile C:\\Agent\\cert\\cacert.pem");
+        return;
     }
+    const auto create = std::find(Client().calls.begin(), Client().calls.end(), "createDownload");
+    ASSERT_NE(create, Client().calls.end());
+    EXPECT_EQ(std::vector<std::string>(Client().calls.begin(), create),
+              *c.trustCall ? std::vector<std::string>{c.trustCall} : std::vector<std::string>{});
+    EXPECT_EQ(Client().thumbprints, c.pins);
 }
+
+constexpr const wchar_t* kNoThumbprints =
+    L"CertType is specified as THUMBPRINT, but thumbprints are not provided for server cert "
+    L"validation. ";
+constexpr const char* kPemCall = "usePemFile C:\\Agent\\cert\\cacert.pem";
+constexpr const wchar_t* kPemLine = L"certificate PEM filePath: C:\\Agent\\cert\\cacert.pem";
+constexpr const wchar_t* kPinLine =
+    L"Using thumbprints for verifying server certificate. Thumbprint count: 2";
+const std::vector<std::string> kNoPins;
 
 INSTANTIATE_TEST_SUITE_P(
     Types, CertificateModeTest,
     ::testing::Values(
-        CertCase{L"", false, 0, L"certificate type not specified", false},
-        CertCase{L"cert_pem", true, 0, L"certificate PEM filePath: C:\\Agent\\cert\\cacert.pem", true},
-        CertCase{L"CERT_PEM", false, 0,
-                 L"CertType is specified as CERT_PEM, but certificate PEM filePath is empty", false},
-        CertCase{L"CERT_PEMX", true, 0, L"Invalid certificate type specified", false},
-        CertCase{L"THUMBPRINT", false, 0,
-                 L"CertType is specified as THUMBPRINT, but thumbprints are not provided for "
-                 L"server cert validation. ",
-                 false},
-        CertCase{L"Thumbprint", false, 2,
-                 L"Using thumbprints for verifying server certificate. Thumbprint count: 2", true},
-        CertCase{L"cert_system_ca", false, 0, L"Using system CA for certificate type", true}));
+        CertCase{L"", true, false, L"certificate type not specified", L"INVALID", "", kNoPins},
+        CertCase{L"", true, true, L"certificate type not specified", L"INVALID", "", kNoPins},
+        CertCase{L"CERT_PEM", true, false, kPemLine, L"OK", kPemCall, kNoPins},
+        // The PEM file decides even when METADATA names the server's certificate.
+        CertCase{L"cert_pem", true, true, kPemLine, L"OK", kPemCall, kNoPins},
+        CertCase{L"CERT_PEM", false, true,
+                 L"CertType is specified as CERT_PEM, but certificate PEM filePath is empty",
+                 L"INVALID", "", kNoPins},
+        CertCase{L"CERT_PEMX", true, true, L"Invalid certificate type specified", L"INVALID", "",
+                 kNoPins},
+        CertCase{L"THUMBPRINT", true, false, kNoThumbprints, L"INVALID", "", kNoPins},
+        // Empty entries count but are not handed on.
+        CertCase{L"Thumbprint", true, true, kPinLine, L"OK", "", {"AB:CD"}},
+        CertCase{L"THUMBPRINT ", false, true, L"Invalid certificate type specified", L"INVALID", "",
+                 kNoPins},
+        CertCase{L"CERT_SYSTEM_CA", false, false, L"Using system CA for certificate type", L"OK",
+                 "useSystemStore", kNoPins},
+        // The system store decides even when METADATA names a self-signed server.
+        CertCase{L"cert_System_CA", true, true, L"Using system CA for certificate type", L"OK",
+                 "useSystemStore", kNoPins}));
 
-TEST_F(DownloadTest, EmptyThumbprintsAreNotHandedOn) {
-    Record().certType = L"THUMBPRINT";
-    Record().thumbprints = {L"", L"AB:CD", L""};
-    Util_DoDownload();
-    EXPECT_EQ(Client().thumbprints, std::vector<std::string>{"AB:CD"});
-    EXPECT_TRUE(Client().calls.front() == "createDownload");
-}
+struct ConfigFaultCase {
+    const char* fault;
+    bool libraryPresent;
+    const wchar_t* result;
+    const wchar_t* errorCode;
+};
 
-TEST_F(DownloadTest, MissingUrlIsInvalid) {
-    Record().urls.clear();
+class ConfigurationFaultTest : public DownloadTest,
+                               public ::testing::WithParamInterface<ConfigFaultCase> {};
+
+// A fault in the record is the administrator's to fix whatever the library's state; only a valid
+// record can fail for want of the library.
+TEST_P(ConfigurationFaultTest, IsInvalidWhateverTheLibrary) {
+    const ConfigFaultCase& c = GetParam();
+    const std::string fault = c.fault;
+    if (fault == "no type") Record().certType = L"";
+    if (fault == "unknown type") Record().certType = L"PINNED";
+    if (fault == "no PEM file") Record().certType = L"CERT_PEM";
+    if (fault == "no thumbprints") Record().certType = L"THUMBPRINT";
+    if (fault == "no URL") Record().urls.clear();
+    Client().available = c.libraryPresent;
+    Record().errorCode = L"";
     EXPECT_FALSE(Util_DoDownload());
-    EXPECT_TRUE(Logged(L"Util_DoDownload: download URL empty\r\n"));
-    EXPECT_EQ(Record().result, L"INVALID");
+    EXPECT_EQ(Record().result, c.result);
+    EXPECT_EQ(Record().errorCode, c.errorCode);
+    if (fault != "none") {
+        EXPECT_TRUE(Client().calls.empty());
+    } else if (!c.libraryPresent) {
+        EXPECT_TRUE(Logged(L"Util_DoDownload: content client unavailable: cannot load "));
+    }
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, ConfigurationFaultTest,
+    ::testing::Values(ConfigFaultCase{"no type", true, L"INVALID", L""},
+                      ConfigFaultCase{"no type", false, L"INVALID", L""},
+                      ConfigFaultCase{"unknown type", false, L"INVALID", L""},
+                      ConfigFaultCase{"no PEM file", true, L"INVALID", L""},
+                      ConfigFaultCase{"no PEM file", false, L"INVALID", L""},
+                      ConfigFaultCase{"no thumbprints", false, L"INVALID", L""},
+                      ConfigFaultCase{"no URL", true, L"INVALID", L""},
+                      ConfigFaultCase{"no URL", false, L"INVALID", L""},
+                      ConfigFaultCase{"none", true, L"OK", L""},
+                      ConfigFaultCase{"none", false, L"FAILURE", L"KESCLIENT_INIT_FAILED"}));
 
 struct FailureCase {
     int code;
@@ -178,14 +233,6 @@ INSTANTIATE_TEST_SUITE_P(
                     L"KESCLIENT_TRANSFER_INVALID_URI_ERROR"},
         FailureCase{13, L"download failed: 13", L"KESCLIENT_MAXCOUNT"},
         FailureCase{-1, L"download failed: -1", L"KESCLIENT_MAXCOUNT"}));
-
-TEST_F(DownloadTest, MissingLibraryFailsTheDownloadWithAReason) {
-    Client().available = false;
-    EXPECT_FALSE(Util_DoDownload());
-    EXPECT_EQ(Record().result, L"FAILURE");
-    EXPECT_EQ(Record().errorCode, L"KESCLIENT_INIT_FAILED");
-    EXPECT_TRUE(Logged(L"Util_DoDownload: content client unavailable: cannot load "));
-}
 
 TEST_F(DownloadTest, OnlyDownloadStateDownloadsAndUpdatingGoesOn) {
     for (int state : {update_state::kReady, update_state::kWait, update_state::kNoLogon,

@@ -29,6 +29,36 @@ INSTANTIATE_TEST_SUITE_P(Inputs, BadUtf8Test,
                          ::testing::Values("\x80", "\xC3", "\xC0\xAF", "\xED\xA0\x80",
                                            "\xF4\x90\x80\x80", "\xFF", "a\xE2\x82"));
 
+struct LenientCase {
+    const char* utf8;
+    const wchar_t* wide;
+};
+
+class LenientUtf8Test : public ::testing::TestWithParam<LenientCase> {};
+
+// Each maximal ill-formed subpart costs one U+FFFD; everything well-formed around it is kept.
+TEST_P(LenientUtf8Test, ReplacesEachBadSequenceAndKeepsTheRest) {
+    EXPECT_EQ(core::WideFromUtf8Lenient(GetParam().utf8), GetParam().wide);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Inputs, LenientUtf8Test,
+    ::testing::Values(
+        LenientCase{"a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", L"a\u00e9\u20ac\U0001F600"},
+        LenientCase{"\xC3\xA9\xFF\xE2\x82\xAC", L"\u00e9\uFFFD\u20ac"},
+        LenientCase{"\x80\xBF", L"\uFFFD\uFFFD"},                  // lone continuation bytes
+        LenientCase{"caf\xC3", L"caf\uFFFD"},                      // cut at the end
+        LenientCase{"\xE2\x82" "A\xC3\xA9", L"\uFFFDA\u00e9"},     // cut before a character
+        LenientCase{"\xF0\x9F\x98\xC3\xA9", L"\uFFFD\u00e9"},      // cut 4-byte sequence
+        LenientCase{"\xC0\xAF", L"\uFFFD\uFFFD"},                  // overlong '/'
+        LenientCase{"\xE0\x80\xAF", L"\uFFFD\uFFFD\uFFFD"},        // overlong, 3 bytes
+        LenientCase{"\xF0\x8F\xBF\xBF", L"\uFFFD\uFFFD\uFFFD\uFFFD"},  // overlong, 4 bytes
+        LenientCase{"\xED\xA0\x80x", L"\uFFFD\uFFFD\uFFFDx"},      // a surrogate
+        LenientCase{"\xED\x9F\xBF", L"\uD7FF"},                    // the last before them
+        LenientCase{"\xF4\x8F\xBF\xBF", L"\U0010FFFF"},            // the last code point
+        LenientCase{"\xF4\x90\x80\x80", L"\uFFFD\uFFFD\uFFFD\uFFFD"},  // past it
+        LenientCase{"\xF5\xFE", L"\uFFFD\uFFFD"}));
+
 TEST(Utf8, LoneSurrogateCannotBeEncoded) {
     EXPECT_THROW(core::Utf8FromWide(std::wstring(1, static_cast<wchar_t>(0xD800))),
                  CORE::coreException);

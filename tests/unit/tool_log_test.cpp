@@ -80,7 +80,7 @@ TEST_F(ToolLogTest, LockedFileCatchesUpWithTheNextLine) {
     Platform().locked.insert(log.path());
     Platform().lastError = 1234;
     log.Log(L"while locked");
-    EXPECT_EQ(Platform().lastError, 1234u);  // the caller's last error survives
+    EXPECT_EQ(Platform().lastError, 32u);  // why the write failed, not what came before
     EXPECT_EQ(fake::FileText(log.path()).find(L"while locked"), std::wstring::npos);
     Platform().locked.clear();
     log.Log(L"after");
@@ -107,10 +107,12 @@ TEST_F(ToolLogTest, LibraryCallbackTagsByLevel) {
     call(3, "caf\xC3\xA9");
     call(2, "%s", std::string(20000, 'x').c_str());  // longer than the first buffer
     call(9, "out of range");
+    call(1, "caf\xC3\xA9 \xFF na\xC3\xAFve %s", "\xE2\x82");
     EXPECT_TRUE(Logged(L": [DEBUG] debug 1\r\n"));
     EXPECT_TRUE(Logged(L": [ERROR] caf\u00e9\r\n"));
     EXPECT_TRUE(Logged(L": [WARNING] " + std::wstring(20000, L'x') + L"\r\n"));
     EXPECT_TRUE(Logged(L": out of range\r\n"));
+    EXPECT_TRUE(Logged(L": [INFO] caf\u00e9 \uFFFD na\u00efve \uFFFD\r\n"));
 }
 
 struct TimestampCase {

@@ -102,8 +102,14 @@ bool WriteWholeFile(const std::wstring& path, const std::vector<std::uint8_t>& b
     while (done < bytes.size()) {
         const DWORD chunk = static_cast<DWORD>(std::min<std::size_t>(bytes.size() - done, 1u << 30));
         DWORD written = 0;
-        if (!::WriteFile(file.get(), bytes.data() + done, chunk, &written, nullptr) || written == 0)
+        const BOOL wrote = ::WriteFile(file.get(), bytes.data() + done, chunk, &written, nullptr);
+        if (!wrote || written == 0) {
+            // The caller reads why from the last error, so closing must not overwrite it.
+            const DWORD error = wrote ? static_cast<DWORD>(ERROR_WRITE_FAULT) : ::GetLastError();
+            file.reset();
+            ::SetLastError(error);
             return false;
+        }
         done += written;
     }
     return true;
