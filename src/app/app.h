@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "agent/agent.h"
-#include "app/run_result.h"
+#include "core/run_result.h"
 #include "state/registry.h"
 #include "state/update_record.h"
 

@@ -2,10 +2,10 @@
 
 #include <cstdint>
 
+#include "core/preflight_error_name.h"
 #include "download/workspace.h"
 #include "platform/clock.h"
 #include "platform/registry.h"
-#include "preflight/preflight_error_name.h"
 #include "report/tool_log.h"
 #include "state/registry.h"
 #include "state/update_record.h"

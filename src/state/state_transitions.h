@@ -12,7 +12,7 @@
 // "PREFLIGHTCHECK_FAILURE", "PREFLIGHTCHECK_INPROGRESS".
 #include <cstdint>
 
-#include "app/run_result.h"
+#include "core/run_result.h"
 
 // How many times a pending restart may send a preflight run back to READY, whatever
 // MAXDOWNLOADANDUPGRADERETRY says.
