@@ -3,11 +3,11 @@
 #include <array>
 #include <optional>
 
-#include "core/policy_config.h"
 #include "core/property_bag.h"
 #include "core/text.h"
 #include "platform/system.h"
 #include "report/tool_log.h"
+#include "state/policy_config.h"
 #include "state/registry.h"
 
 namespace {

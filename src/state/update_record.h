@@ -8,7 +8,7 @@
 //   current root  HKLM\Software\Quorvane\Lumenar
 //   legacy root   HKLM\Software\Tessix, Inc.\Tessix KDX
 //
-// Registry contract. "Policy-aware" reads also honour the policy keys (core/policy_config.h).
+// Registry contract. "Policy-aware" reads also honour the policy keys (state/policy_config.h).
 //
 // ROOT\Agent\Update\ (current root only), read at program start:
 //   Enabled                     text or DWORD  default "1"       policy-aware. The update feature
