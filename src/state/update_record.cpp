@@ -144,11 +144,16 @@ bool UtilGetRegistry() {
         return false;
     }
 
-    // Malformed metadata leaves the bag empty (the parser logs why): no thumbprints, no failure.
+    // Malformed metadata leaves the bag empty (logged with the parser's reason): no thumbprints,
+    // no failure.
     CORE::PropertyBag bag;
     copy(L"METADATA", record.metadata);
-    if (!record.metadata.empty() && bag.Parse(record.metadata, true))
-        LogF(L"%s: matadata XML string loaded", kFunction);
+    if (!record.metadata.empty()) {
+        if (bag.Parse(record.metadata, true))
+            LogF(L"%s: matadata XML string loaded", kFunction);
+        else
+            LogF(L"PropertyBag Parse failed: %s", bag.ParseError());
+    }
 
     copy(L"CHECKSUM", record.checksum);
     copy(L"FILESIZE", record.fileSize);
