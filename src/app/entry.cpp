@@ -62,7 +62,7 @@ void WaitForPendingToolReboot() {
     bool pending = false;
     for (const std::wstring& root : {CurrentProductRoot(), LegacyProductRoot()}) {
         const auto marker =
-            RegReadValue(root + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", kAnyRegistryType);
+            RegReadValue(root + kNeedRebootMarkerPath, kAnyRegistryType);
         pending = pending || marker.type != -1;
     }
     if (!pending) return;

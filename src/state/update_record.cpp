@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr const wchar_t* kUpdateFolder = L"\\Agent\\Update\\";
-
 // Index = state id; 0 is the invalid state and has no name.
 constexpr std::array<const wchar_t*, 7> kStateNames{L"",        L"READY",    L"DOWNLOAD", L"WAIT",
                                                     L"NOLOGON", L"UPDATING", L"DONE"};
@@ -21,11 +19,11 @@ constexpr std::array<const wchar_t*, 7> kStateNames{L"",        L"READY",    L"D
 std::wstring UpdateKeyPath(const UpdateRecord& record) {
     const std::wstring root =
         record.legacyUpgradeDetected ? LegacyProductRoot() : CurrentProductRoot();
-    return root + kUpdateFolder + record.keyId;
+    return root + kUpdateKeysPath + record.keyId;
 }
 
 std::wstring UpdateSettingPath(const wchar_t* name) {
-    return CurrentProductRoot() + kUpdateFolder + name;
+    return CurrentProductRoot() + kUpdateKeysPath + name;
 }
 
 // A multi-string as a list; empty pieces (doubled or trailing separators) are dropped.
@@ -81,14 +79,14 @@ bool UtilGetActiveUpdate() {
     UpdateRecord& record = ActiveUpdateRecord();
 
     // An update under the former product's root is an upgrade from it and always wins.
-    std::vector<std::wstring> keys = RegEnumSubkeys(LegacyProductRoot() + kUpdateFolder);
+    std::vector<std::wstring> keys = RegEnumSubkeys(LegacyProductRoot() + kUpdateKeysPath);
     record.legacyUpgradeDetected = !keys.empty();
     if (record.legacyUpgradeDetected) {
         LogF(L"%s: Tessix to Quorvane agent upgrade detected", kFunction);
     } else {
         LogF(L"%s: No Tessix active updates", kFunction);
         LogF(L"%s: Check for Quorvane active updates", kFunction);
-        keys = RegEnumSubkeys(CurrentProductRoot() + kUpdateFolder);
+        keys = RegEnumSubkeys(CurrentProductRoot() + kUpdateKeysPath);
         if (keys.empty()) {
             LogF(L"%s: No Quorvane active updates", kFunction);
             record.keyId.clear();
@@ -212,7 +210,7 @@ bool ReadPreflightCheckComplete() {
     const UpdateRecord& record = ActiveUpdateRecord();
     if (record.keyId.empty()) return false;
     return ParseBoolText(RegReadString(
-        CurrentProductRoot() + kUpdateFolder + record.keyId + L"\\PreflightCheckComplete", L"0"));
+        CurrentProductRoot() + kUpdateKeysPath + record.keyId + L"\\PreflightCheckComplete", L"0"));
 }
 
 bool ReadUpdateEnabled() {

@@ -57,6 +57,10 @@
 #include <string>
 #include <vector>
 
+// The two locations above, under a product root; every reader and writer uses these.
+inline constexpr const wchar_t* kUpdateKeysPath = L"\\Agent\\Update\\";
+inline constexpr const wchar_t* kNeedRebootMarkerPath = L"\\Agent\\UpdateStatusVolatile\\NeedReboot";
+
 namespace update_state {
 constexpr int kInvalid = 0;
 constexpr int kReady = 1;     // "READY"
