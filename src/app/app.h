@@ -4,6 +4,10 @@
 //   app_setup.cpp        set-up, command line, override file, agent selection
 //   app_install.cpp      platform, version, update and clean-up steps
 //   app_preflight.cpp    the preflight run, handed to the preflight module
+//
+// Update record: Setup fills it (Util_GetUpdateState) and copies AGENT, VERSION, ARCH, OPTIONS,
+// FILENAME into `record`; Update writes installedVersion, updateVersion, and errorCode, errorDesc
+// when an installer fails.
 #include <memory>
 #include <string>
 #include <vector>

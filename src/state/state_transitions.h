@@ -10,6 +10,9 @@
 //
 // RESULT texts: "OK", "PROGRESS", "FAILURE", "INVALID", "PREFLIGHTCHECK_OK",
 // "PREFLIGHTCHECK_FAILURE", "PREFLIGHTCHECK_INPROGRESS".
+//
+// Update record: reads keyId, legacyUpgradeDetected, fileName, errorDesc, maxRetry, retryWaitMs;
+// reads and writes state, result, errorCode, retry, forceReboot.
 #include <cstdint>
 
 #include "core/run_result.h"

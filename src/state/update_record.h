@@ -118,7 +118,14 @@ struct UpdateRecord : UpdateKeyValues {
     std::uint32_t retryWaitMs = kDefaultRetryWaitPeriodMs;
 };
 
-// The process-wide record; it lives until the process ends.
+// The process-wide record; it lives until the process ends. Each step's header names the fields it
+// reads and writes, in a line beginning "Update record:". In run order:
+//   Util_GetUpdateState (here)   writes keyId, legacyUpgradeDetected and every UpdateKeyValues field
+//   ReadRetrySettings (here)     writes maxRetry, retryWaitMs
+//   preflight, download, install steps        see preflight/, download/download.h, app/app.h
+//   SetForceReboot (state/force_reboot.h)      forceReboot
+//   Util_UpdateDone (state/state_transitions.h), Util_UpdateDataForTelemetry (report/telemetry.h),
+//   Util_CheckReboot (report/reboot.h)         the run's closing steps
 UpdateRecord& ActiveUpdateRecord();
 void ResetUpdateRecordForTesting();
 
