@@ -8,7 +8,7 @@
 #include "platform/process.h"
 #include "platform/system.h"
 #include "platform/system_info.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "agent/generic_agent.h"
 
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/force_reboot.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include "platform/system.h"
 #include "report/reboot.h"
 #include "report/telemetry.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/registry.h"
 #include "state/state_transitions.h"
 #include "state/update_record.h"

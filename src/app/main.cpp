@@ -1,7 +1,7 @@
 // Program entry of updatetool.exe. The tool log is a static object so that it exists before
 // wmain runs and writes its end banner after wmain has returned.
 #include "app/entry.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 
 namespace {
 ToolLog g_toolLog;

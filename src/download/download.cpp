@@ -10,7 +10,7 @@
 #include "download/workspace.h"
 #include "platform/content_client.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/update_record.h"
 
 namespace {

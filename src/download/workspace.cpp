@@ -6,7 +6,7 @@
 #include "download/download.h"
 #include "platform/files.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/registry.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include "platform/system.h"
 #include "platform/windows_update.h"
 #include "preflight/registry_checks.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 
 namespace preflight {
 namespace {

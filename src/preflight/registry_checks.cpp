@@ -6,7 +6,7 @@
 
 #include "core/text.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/update_record.h"
 
 namespace preflight {

@@ -9,7 +9,7 @@
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/update_record.h"
 
 namespace {

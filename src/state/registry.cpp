@@ -3,7 +3,7 @@
 #include <array>
 
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "download/workspace.h"
 #include "platform/clock.h"
 #include "platform/registry.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/registry.h"
 #include "state/update_record.h"
 

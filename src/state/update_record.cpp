@@ -6,7 +6,7 @@
 #include "core/property_bag.h"
 #include "core/text.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/policy_config.h"
 #include "state/registry.h"
 

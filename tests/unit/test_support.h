@@ -7,7 +7,7 @@
 
 #include "download/workspace.h"
 #include "fake_platform.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/update_record.h"
 
 class ToolTest : public ::testing::Test {

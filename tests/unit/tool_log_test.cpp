@@ -1,4 +1,4 @@
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 
 #include <cstdarg>
 
