@@ -168,12 +168,6 @@ std::wstring KesClientPayloadTypeName(int type) {
     }
 }
 
-void RegisterContentClientLog() {
-    std::wstring error;
-    if (const platform::ContentClient* client = platform::LoadContentClient(error))
-        client->setLogCallback(&ToolLogLibraryCallback);
-}
-
 bool Util_DoDownload() {
     UpdateRecord& record = ActiveUpdateRecord();
     LogF(L"%s: Update key: %s state: %s", kFunction, record.keyId, stateStr(record.state));

@@ -20,7 +20,3 @@ bool Util_DoDownload();
 std::wstring KesClientResultName(int code);
 // "KesClientPayloadType::EXE", "::TAR", "::ZIP", else "PayloadType ERR_<n>".
 std::wstring KesClientPayloadTypeName(int type);
-
-// Hands the tool log's callback to the content client, once per process; a missing library is
-// reported by the download step, not here.
-void RegisterContentClientLog();

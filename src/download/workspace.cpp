@@ -3,7 +3,7 @@
 #include <optional>
 
 #include "core/text.h"
-#include "download/download.h"
+#include "platform/content_client.h"
 #include "platform/files.h"
 #include "platform/system.h"
 #include "log/tool_log.h"
@@ -78,12 +78,22 @@ std::wstring CertificateUnderInstallPath(const std::wstring& root) {
     return core::PathJoin(installPath, L"cert\\cacert.pem");
 }
 
+// Hands the tool log's callback to the content client; a missing library is reported by the
+// download step, not here.
+void RegisterContentClientLog() {
+    std::wstring error;
+    if (const platform::ContentClient* client = platform::LoadContentClient(error))
+        client->setLogCallback(&ToolLogLibraryCallback);
+}
+
 }  // namespace
 
 std::wstring GetWorkspace() {
     WorkspaceState& state = State();
     if (!state.workspace) {
         state.workspace = ComputeWorkspace();
+        // The log's lazy dependency: the first to ask is usually the log choosing its folder
+        // (app/run_log.h), so this is where the content client's lines start reaching it.
         RegisterContentClientLog();
     }
     return *state.workspace;

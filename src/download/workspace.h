@@ -9,7 +9,8 @@
 //   HKLM\Software\Tessix, Inc.\Tessix DaaS Agent\CertFolder, CertFileName   legacy DaaS agent
 #include <string>
 
-// %TEMP%\updatetool-data, created on first use; "C:\Temp\updatetool-data" when the temp path is
+// %TEMP%\updatetool-data, created on first use, when the content client is also given the tool
+// log's callback (once per computation); "C:\Temp\updatetool-data" when the temp path is
 // unusable; the temp folder itself when the subfolder cannot be created. Fixed for the process.
 // The subfolder is created for SYSTEM and the Administrators only, and an existing one is given
 // that access too; one that another account owns, or a link in its place, is refused with a log

@@ -60,7 +60,7 @@ TEST_F(ToolLogTest, FileIsBomThenEveryLineWithCrLf) {
 TEST_F(ToolLogTest, EndBannerIsTheLastLine) {
     std::wstring path;
     {
-        ToolLog log;
+        ToolLog log(&RunLogFolder);
         path = log.path();
     }
     const std::wstring text = fake::FileText(path);
