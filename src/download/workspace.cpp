@@ -15,7 +15,6 @@ constexpr std::uint32_t kMaxPath = 260;
 
 struct WorkspaceState {
     std::optional<std::wstring> workspace;
-    std::wstring downloadedFile;
 };
 
 WorkspaceState& State() {
@@ -123,17 +122,7 @@ std::wstring DaasAgentCertificatePath() {
     return {};
 }
 
-void SetDownloadedFilePath(const std::wstring& path) { State().downloadedFile = path; }
-std::wstring DownloadedFilePath() { return State().downloadedFile; }
-
-bool UtilCleanupWorkspace() {
-    const std::wstring& file = State().downloadedFile;
-    if (file.empty()) return true;
-    if (platform::DeleteFilePath(file)) return true;
-    const std::uint32_t error = platform::LastError();
-    LogF(L"%s: delete failed: %s error: %s", L"UtilCleanupWorkspace", file,
-         platform::SystemMessage(error));
-    return false;
+void ResetWorkspaceForTesting() {
+    State() = WorkspaceState{};
+    SetDownloadedFilePath({});
 }
-
-void ResetWorkspaceForTesting() { State() = WorkspaceState{}; }

@@ -3,10 +3,10 @@
 #include <cstdint>
 
 #include "core/preflight_error_name.h"
-#include "download/workspace.h"
 #include "platform/clock.h"
 #include "platform/registry.h"
 #include "log/tool_log.h"
+#include "state/downloaded_package.h"
 #include "state/registry.h"
 #include "state/update_record.h"
 
