@@ -18,24 +18,6 @@ namespace regtype = platform::regtype;
 constexpr const wchar_t* kChecksKey = L"\\Agent\\PreflightChecks\\";
 constexpr std::size_t kMaxCheckValueBytes = 8192;
 
-struct RootPrefix {
-    const wchar_t* prefix;
-    Hive hive;
-};
-// Long forms first.
-constexpr std::array<RootPrefix, 10> kRootPrefixes{{
-    {L"HKEY_LOCAL_MACHINE\\", Hive::LocalMachine},
-    {L"HKEY_CURRENT_USER\\", Hive::CurrentUser},
-    {L"HKEY_CLASSES_ROOT\\", Hive::ClassesRoot},
-    {L"HKEY_CURRENT_CONFIG\\", Hive::CurrentConfig},
-    {L"HKEY_USERS\\", Hive::Users},
-    {L"HKLM\\", Hive::LocalMachine},
-    {L"HKCU\\", Hive::CurrentUser},
-    {L"HKCR\\", Hive::ClassesRoot},
-    {L"HKCC\\", Hive::CurrentConfig},
-    {L"HKU\\", Hive::Users},
-}};
-
 constexpr std::array<std::pair<std::wstring_view, std::wstring_view>, 5> kShortRootNames{{
     {L"HKEY_LOCAL_MACHINE", L"HKLM"},
     {L"HKEY_CURRENT_USER", L"HCU"},
@@ -91,11 +73,15 @@ std::wstring UpToFirstNul(std::wstring text) {
 }  // namespace
 
 bool KeyExists(const std::wstring& keyPath) {
-    for (const RootPrefix& root : kRootPrefixes) {
-        const std::wstring_view prefix(root.prefix);
-        if (keyPath.starts_with(prefix))
-            return platform::RegistryOpenKeyForRead(root.hive, keyPath.substr(prefix.size())) ==
-                   platform::status::kSuccess;
+    // Long forms first, each written exactly so and followed by its backslash.
+    for (const bool longForm : {true, false}) {
+        for (const RegistryRootName& root : kRegistryRootNames) {
+            const std::wstring prefix =
+                std::wstring(longForm ? root.longName : root.shortName) + L"\\";
+            if (keyPath.starts_with(prefix))
+                return platform::RegistryOpenKeyForRead(root.hive, keyPath.substr(prefix.size())) ==
+                       platform::status::kSuccess;
+        }
     }
     return false;
 }
