@@ -9,7 +9,7 @@
 #include "platform/registry.h"
 #include "platform/system.h"
 #include "platform/system_info.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 #include "agent/generic_agent.h"
 
-#include "agent/force_reboot.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
+#include "state/force_reboot.h"
 
 namespace {
 constexpr std::uint32_t kExitSuccess = 0;

@@ -1,6 +1,6 @@
 #include "agent/orel_agent.h"
 
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/registry.h"
 
 namespace {

@@ -3,20 +3,19 @@
 // the entry for the whole run; its members are defined with the steps that use them:
 //   app_setup.cpp        set-up, command line, override file, agent selection
 //   app_install.cpp      platform, version, update and clean-up steps
-//   preflight/*.cpp      preflight checks
+//   app_preflight.cpp    the preflight run, handed to the preflight module
+//
+// Update record: Setup fills it (Util_GetUpdateState) and copies AGENT, VERSION, ARCH, OPTIONS,
+// FILENAME into `record`; Update writes installedVersion, updateVersion, and errorCode, errorDesc
+// when an installer fails.
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "agent/agent.h"
-#include "app/run_result.h"
+#include "core/run_result.h"
 #include "state/registry.h"
 #include "state/update_record.h"
-
-// The final action set of the registry-driven preflight checks: "ERROR", "NONE", "REBOOT", each at
-// most once, in this (case-sensitive) order.
-using PreflightActionSet = std::set<std::wstring>;
 
 class App {
 public:
@@ -45,12 +44,6 @@ public:
     RunResult Update();
     void Cleanup();
 
-    // Preflight checks.
+    // Preflight checks (preflight/preflight_checks.h).
     RunResult performPreflightChecks();
-    bool isWindowsUpdateInProgress();
-    bool isDiskspaceSufficientForUpdate();
-    PreflightActionSet performRegistryBasedChecks();
-    std::wstring getPreflightCheckAction(std::wstring action);
-    std::wstring getValueMatchAction(const RegistryValueMap& check);
-    bool isRebootPending();
 };

@@ -13,7 +13,7 @@
 #include "app/app.h"
 #include "core/format.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/registry.h"
 #include "state/update_record.h"
 

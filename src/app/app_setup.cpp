@@ -18,7 +18,7 @@
 #include "download/workspace.h"
 #include "platform/files.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "platform/system.h"
 #include "report/reboot.h"
 #include "report/telemetry.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/registry.h"
 #include "state/state_transitions.h"
 #include "state/update_record.h"
@@ -112,7 +112,7 @@ void WaitForPendingToolReboot() {
     bool pending = false;
     for (const std::wstring& root : {CurrentProductRoot(), LegacyProductRoot()}) {
         const auto marker =
-            RegReadValue(root + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", kAnyRegistryType);
+            RegReadValue(root + kNeedRebootMarkerPath, kAnyRegistryType);
         pending = pending || marker.type != -1;
     }
     if (!pending) return;

@@ -1,7 +1,7 @@
 #pragma once
 // One run of the tool from the kill switch to the final result line. The program entry (main.cpp)
 // only hands over to RunTool, so that the whole sequence runs in native tests against fakes.
-#include "app/run_result.h"
+#include "core/run_result.h"
 
 // The name of the single-instance mutex, shared by every logon session.
 inline constexpr const wchar_t* kSingleInstanceMutexName =

@@ -2,10 +2,11 @@
 // wmain runs and writes its end banner after wmain has returned.
 #include "agent/agent.h"
 #include "app/entry.h"
-#include "report/tool_log.h"
+#include "app/run_log.h"
+#include "log/tool_log.h"
 
 namespace {
-ToolLog g_toolLog;
+ToolLog g_toolLog(&RunLogFolder);
 // Declared after the log (same translation unit, so initialised after it): the host line lands in
 // the log of every run, whichever step the run takes.
 [[maybe_unused]] const bool g_hostX64 = Agent::IsHostX64();

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "core/core_exception.h"
-#include "report/tool_log.h"
+#include "core/format.h"
 
 namespace CORE {
 
@@ -102,7 +102,8 @@ public:
         return true;
     }
 
-    void LogFailure() const {
+    // "<message>, line=<l>, col=<c>" for the failure that stopped the parse.
+    std::wstring FailureText() const {
         std::uint32_t line = 1;
         std::uint32_t column = 1;
         const std::size_t end = errorAt_ < text_.size() ? errorAt_ : text_.size();
@@ -117,7 +118,7 @@ public:
                 ++column;  // a surrogate pair is one character
             }
         }
-        LogF(L"PropertyBag Parse failed: %s, line=%u, col=%u", error_, line, column);
+        return core::Format(L"%s, line=%u, col=%u", error_, line, column);
     }
 
 private:
@@ -271,11 +272,12 @@ private:
 
 bool PropertyBag::Parse(const std::wstring& text, bool caseSensitive) {
     items_.clear();
+    parseError_.clear();
     try {
         std::vector<Item> items;
         Parser parser(text, caseSensitive);
         if (!parser.Document(items)) {
-            parser.LogFailure();
+            parseError_ = parser.FailureText();
             return false;
         }
         items_ = std::move(items);

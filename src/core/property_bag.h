@@ -7,8 +7,8 @@
 //     <ITEM name="SUB"><PROPERTYBAG>...</PROPERTYBAG></ITEM>
 //   </PROPERTYBAG>
 //
-// Parse failures are logged as "PropertyBag Parse failed: <message>, line=<l>, col=<c>" and leave
-// the bag empty.
+// A parse failure leaves the bag empty and tells why in ParseError(); the caller logs it as
+// "PropertyBag Parse failed: <message>, line=<l>, col=<c>".
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -34,6 +34,9 @@ public:
     // (PROPERTYBAG, ITEM, name, type); the tool passes true.
     virtual bool Parse(const std::wstring& text, bool caseSensitive);
 
+    // "<message>, line=<l>, col=<c>" of the last failed Parse; empty after a successful one.
+    const std::wstring& ParseError() const { return parseError_; }
+
     virtual bool HasItems() const;
 
     // Position of the next item named `name` after `position` (0 starts from the beginning;
@@ -47,6 +50,7 @@ private:
     class Parser;  // fills items_ of the bag and of its sub-bags
 
     std::vector<Item> items_;
+    std::wstring parseError_;
 };
 
 }  // namespace CORE

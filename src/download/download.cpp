@@ -11,7 +11,7 @@
 #include "download/workspace.h"
 #include "platform/content_client.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/update_record.h"
 
 namespace {
@@ -180,12 +180,6 @@ std::wstring KesClientPayloadTypeName(int type) {
         case KESCLIENT_PAYLOAD_ZIP: return L"KesClientPayloadType::ZIP";
         default: return core::Format(L"PayloadType ERR_%d", type);
     }
-}
-
-void RegisterContentClientLog() {
-    std::wstring error;
-    if (const platform::ContentClient* client = platform::LoadContentClient(error))
-        client->setLogCallback(&ToolLogLibraryCallback);
 }
 
 bool Util_DoDownload() {

@@ -6,6 +6,10 @@
 // Read from the update key: STATE, CERTTYPE ("CERT_PEM", "THUMBPRINT" or "CERT_SYSTEM_CA"),
 // METADATA's THUMBPRINT items, URL, PROXY, PACURL, FILESIZE, CHECKSUM, PACKAGEFILENAME,
 // RELATIVEFOLDERPATH. FILENAME is set to the package's local path (inside the workspace).
+//
+// Update record: reads keyId, state, certType, thumbprints, urls, proxies, pacUrl, fileSize,
+// checksum, packageFileName, relativeFolderPath; reads and writes fileName, retry; writes result,
+// errorCode, errorDesc.
 #include <string>
 
 // True only when the update is already UPDATING (the package is there from an earlier run).
@@ -16,7 +20,3 @@ bool Util_DoDownload();
 std::wstring KesClientResultName(int code);
 // "KesClientPayloadType::EXE", "::TAR", "::ZIP", else "PayloadType ERR_<n>".
 std::wstring KesClientPayloadTypeName(int type);
-
-// Hands the tool log's callback to the content client, once per process; a missing library is
-// reported by the download step, not here.
-void RegisterContentClientLog();

@@ -3,11 +3,11 @@
 #include <optional>
 
 #include "core/text.h"
-#include "download/download.h"
 #include "platform/clock.h"
+#include "platform/content_client.h"
 #include "platform/files.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/registry.h"
 
 namespace {
@@ -16,7 +16,6 @@ constexpr std::uint32_t kMaxPath = 260;
 
 struct WorkspaceState {
     std::optional<std::wstring> workspace;
-    std::wstring downloadedFile;
 };
 
 WorkspaceState& State() {
@@ -122,12 +121,22 @@ std::wstring CertificateUnderInstallPath(const std::wstring& root) {
     return core::PathJoin(installPath, L"cert\\cacert.pem");
 }
 
+// Hands the tool log's callback to the content client; a missing library is reported by the
+// download step, not here.
+void RegisterContentClientLog() {
+    std::wstring error;
+    if (const platform::ContentClient* client = platform::LoadContentClient(error))
+        client->setLogCallback(&ToolLogLibraryCallback);
+}
+
 }  // namespace
 
 std::wstring GetWorkspace() {
     WorkspaceState& state = State();
     if (!state.workspace) {
         state.workspace = ComputeWorkspace();
+        // The log's lazy dependency: the first to ask is usually the log choosing its folder
+        // (app/run_log.h), so this is where the content client's lines start reaching it.
         RegisterContentClientLog();
     }
     return *state.workspace;
@@ -157,17 +166,7 @@ std::wstring DaasAgentCertificatePath() {
     return {};
 }
 
-void SetDownloadedFilePath(const std::wstring& path) { State().downloadedFile = path; }
-std::wstring DownloadedFilePath() { return State().downloadedFile; }
-
-bool UtilCleanupWorkspace() {
-    const std::wstring& file = State().downloadedFile;
-    if (file.empty()) return true;
-    if (platform::DeleteFilePath(file)) return true;
-    const std::uint32_t error = platform::LastError();
-    LogF(L"%s: delete failed: %s error: %s", L"UtilCleanupWorkspace", file,
-         platform::SystemMessage(error));
-    return false;
+void ResetWorkspaceForTesting() {
+    State() = WorkspaceState{};
+    SetDownloadedFilePath({});
 }
-
-void ResetWorkspaceForTesting() { State() = WorkspaceState{}; }

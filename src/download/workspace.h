@@ -1,6 +1,6 @@
 #pragma once
-// The download workspace, the certificate file that validates the download server, and the
-// clean-up of the downloaded package.
+// The download workspace and the certificate file that validates the download server. The
+// downloaded package itself is remembered in state/downloaded_package.h.
 //
 // Registry values read here (REG_SZ; all optional):
 //   HKLM\Software\Quorvane\Lumenar\AgentInstallPath             agent install folder
@@ -9,7 +9,10 @@
 //   HKLM\Software\Tessix, Inc.\Tessix DaaS Agent\CertFolder, CertFileName   legacy DaaS agent
 #include <string>
 
-// %TEMP%\updatetool-data, created on first use; "C:\Temp\updatetool-data" when the temp path is
+#include "state/downloaded_package.h"
+
+// %TEMP%\updatetool-data, created on first use, when the content client is also given the tool
+// log's callback (once per computation); "C:\Temp\updatetool-data" when the temp path is
 // unusable; the temp folder itself when the subfolder cannot be created. Fixed for the process.
 // The subfolder is created for SYSTEM and the Administrators only, and an existing one of theirs
 // (or this account's) is given that access too. A file, a link, or a folder another account owns
@@ -22,13 +25,6 @@ std::wstring GetWorkspace();
 // agent certificate. May be empty.
 std::wstring UtilGetPEMFilePath();
 std::wstring DaasAgentCertificatePath();
-
-// The full path of the package the download step fetched; empty when none.
-void SetDownloadedFilePath(const std::wstring& path);
-std::wstring DownloadedFilePath();
-
-// Deletes the downloaded package; true when there was none or it is gone.
-bool UtilCleanupWorkspace();
 
 // Forgets the computed workspace and the downloaded file, so tests can compute them again.
 void ResetWorkspaceForTesting();

@@ -2,19 +2,15 @@
 // registry-driven checks and the reboot-pending probe, condensed into one result.
 #include "preflight/preflight_checks.h"
 
-#include "app/app.h"
 #include "platform/clock.h"
 #include "platform/disk.h"
 #include "platform/system.h"
 #include "platform/windows_update.h"
 #include "preflight/registry_checks.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 
+namespace preflight {
 namespace {
-
-using preflight::kWindowsUpdateMaxAttempts;
-using preflight::kWindowsUpdateWaitIntervalMs;
-using preflight::kWindowsUpdateWaitTimeoutMinutes;
 
 // One apartment per query, so that nothing COM-related outlives it. CoUninitialize runs on every
 // path, also when CoInitializeEx failed: a failed initialisation then shows as a failed creation.
@@ -29,12 +25,12 @@ public:
 // Checks again up to kWindowsUpdateMaxAttempts times. The first check follows at once; there is
 // no sleep after the last one, although its line still announces the interval. True once
 // Windows Update is idle.
-bool WaitForWindowsUpdateToComplete(App& app) {
+bool WaitForWindowsUpdateToComplete() {
     static const wchar_t* const kFunction = L"App::waitForWindowsUpdateToComplete";
     LogF(L"%s: Waiting for wait timeout= %u mins, waitInterval= %u ms, maxAttempts=%u", kFunction,
          kWindowsUpdateWaitTimeoutMinutes, kWindowsUpdateWaitIntervalMs, kWindowsUpdateMaxAttempts);
     for (std::uint32_t attempt = 1; attempt <= kWindowsUpdateMaxAttempts; ++attempt) {
-        if (!app.isWindowsUpdateInProgress()) {
+        if (!isWindowsUpdateInProgress()) {
             LogF(L"%s: Windows update installation is completed, exiting..", kFunction);
             return true;
         }
@@ -51,7 +47,7 @@ bool WaitForWindowsUpdateToComplete(App& app) {
 
 }  // namespace
 
-RunResult App::performPreflightChecks() {
+RunResult performPreflightChecks() {
     static const wchar_t* const kFunction = L"App::performPreflightChecks";
     LogF(L"%s: begin..", kFunction);
 
@@ -60,7 +56,7 @@ RunResult App::performPreflightChecks() {
         LogF(L"%s: Windows updates are running, will wait for configured timeout for windows updates to complete",
              kFunction);
         // clang-format on
-        if (!WaitForWindowsUpdateToComplete(*this)) {
+        if (!WaitForWindowsUpdateToComplete()) {
             LogF(L"%s: Windows updates are still running, exiting", kFunction);
             return run_result::kPreflightUpdateInProgress;
         }
@@ -74,13 +70,13 @@ RunResult App::performPreflightChecks() {
     const PreflightActionSet actions = performRegistryBasedChecks();
     for (const std::wstring& action : actions)
         LogF(L"%s: preflight final actions: [%s]", kFunction, action);
-    if (actions.count(preflight::kActionError)) return run_result::kPreflightFailed;
-    if (actions.count(preflight::kActionReboot)) return run_result::kPreflightReboot;
+    if (actions.count(kActionError)) return run_result::kPreflightFailed;
+    if (actions.count(kActionReboot)) return run_result::kPreflightReboot;
     // Only asked when no check has already decided the outcome.
     return isRebootPending() ? run_result::kPreflightReboot : run_result::kPreflightOk;
 }
 
-bool App::isWindowsUpdateInProgress() {
+bool isWindowsUpdateInProgress() {
     static const wchar_t* const kFunction = L"App::isWindowsUpdateInProgress";
     QueryApartment apartment;
     const platform::UpdateInstallerBusy answer = platform::QueryUpdateInstallerBusy();
@@ -104,7 +100,7 @@ bool App::isWindowsUpdateInProgress() {
     return false;
 }
 
-bool App::isDiskspaceSufficientForUpdate() {
+bool isDiskspaceSufficientForUpdate() {
     static const wchar_t* const kFunction = L"App::isDiskspaceSufficientForUpdate";
     // Not knowing where we are or how much room there is counts as enough room.
     std::wstring directory;
@@ -123,8 +119,10 @@ bool App::isDiskspaceSufficientForUpdate() {
     LogF(L"%s: Total Disk space= [%llu] GB, Free disk space = [%llu] GB", kFunction,
          space.totalBytes >> 30, space.totalFreeBytes >> 30);
     // The whole volume's free space, not the caller's quota share.
-    if (space.totalFreeBytes >= preflight::kMinimumFreeDiskBytes) return true;
+    if (space.totalFreeBytes >= kMinimumFreeDiskBytes) return true;
     LogF(L"%s: Insufficient disk space, disk space = [%llu] MB", kFunction,
          space.totalFreeBytes >> 20);
     return false;
 }
+
+}  // namespace preflight

@@ -4,10 +4,9 @@
 #include <string_view>
 #include <utility>
 
-#include "app/app.h"
 #include "core/text.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/update_record.h"
 
 namespace preflight {
@@ -18,24 +17,6 @@ namespace regtype = platform::regtype;
 
 constexpr const wchar_t* kChecksKey = L"\\Agent\\PreflightChecks\\";
 constexpr std::size_t kMaxCheckValueBytes = 8192;
-
-struct RootPrefix {
-    const wchar_t* prefix;
-    Hive hive;
-};
-// Long forms first.
-constexpr std::array<RootPrefix, 10> kRootPrefixes{{
-    {L"HKEY_LOCAL_MACHINE\\", Hive::LocalMachine},
-    {L"HKEY_CURRENT_USER\\", Hive::CurrentUser},
-    {L"HKEY_CLASSES_ROOT\\", Hive::ClassesRoot},
-    {L"HKEY_CURRENT_CONFIG\\", Hive::CurrentConfig},
-    {L"HKEY_USERS\\", Hive::Users},
-    {L"HKLM\\", Hive::LocalMachine},
-    {L"HKCU\\", Hive::CurrentUser},
-    {L"HKCR\\", Hive::ClassesRoot},
-    {L"HKCC\\", Hive::CurrentConfig},
-    {L"HKU\\", Hive::Users},
-}};
 
 constexpr std::array<std::pair<std::wstring_view, std::wstring_view>, 5> kShortRootNames{{
     {L"HKEY_LOCAL_MACHINE", L"HKLM"},
@@ -92,11 +73,15 @@ std::wstring UpToFirstNul(std::wstring text) {
 }  // namespace
 
 bool KeyExists(const std::wstring& keyPath) {
-    for (const RootPrefix& root : kRootPrefixes) {
-        const std::wstring_view prefix(root.prefix);
-        if (keyPath.starts_with(prefix))
-            return platform::RegistryOpenKeyForRead(root.hive, keyPath.substr(prefix.size())) ==
-                   platform::status::kSuccess;
+    // Long forms first, each written exactly so and followed by its backslash.
+    for (const bool longForm : {true, false}) {
+        for (const RegistryRootName& root : kRegistryRootNames) {
+            const std::wstring prefix =
+                std::wstring(longForm ? root.longName : root.shortName) + L"\\";
+            if (keyPath.starts_with(prefix))
+                return platform::RegistryOpenKeyForRead(root.hive, keyPath.substr(prefix.size())) ==
+                       platform::status::kSuccess;
+        }
     }
     return false;
 }
@@ -121,9 +106,7 @@ RegistryValueMap CheckValues(const std::vector<platform::NamedRegistryValue>& va
     return check;
 }
 
-}  // namespace preflight
-
-PreflightActionSet App::performRegistryBasedChecks() {
+PreflightActionSet performRegistryBasedChecks() {
     static const wchar_t* const kFunction = L"App::performRegistryBasedChecks";
     PreflightActionSet actions;
     // The list comes from the current root for an upgrade from the former product and from the
@@ -131,18 +114,18 @@ PreflightActionSet App::performRegistryBasedChecks() {
     // definitions rely on this split; keep it.
     const std::wstring listRoot =
         ActiveUpdateRecord().legacyUpgradeDetected ? CurrentProductRoot() : LegacyProductRoot();
-    for (const std::wstring& listed : RegEnumSubkeys(listRoot + preflight::kChecksKey)) {
+    for (const std::wstring& listed : RegEnumSubkeys(listRoot + kChecksKey)) {
         const std::wstring name = core::Trim(listed);
         LogF(L"%s: processing preflight check key [%s]", kFunction, name);
-        const RegistryValueMap check = preflight::ReadCheck(name);
-        const std::wstring keyPath = preflight::Lookup(check, L"KeyPath");
-        if (keyPath.empty() || !preflight::KeyExists(keyPath)) {
+        const RegistryValueMap check = ReadCheck(name);
+        const std::wstring keyPath = Lookup(check, L"KeyPath");
+        if (keyPath.empty() || !KeyExists(keyPath)) {
             LogF(L"%s: preflight check, unable to read keypath for check: [%s], no action",
                  kFunction, name);
             continue;
         }
         // The value match is only consulted when no key-present action is given.
-        const std::wstring keyPresentAction = preflight::Lookup(check, L"KeyPresentAction");
+        const std::wstring keyPresentAction = Lookup(check, L"KeyPresentAction");
         const std::wstring action = keyPresentAction.empty()
                                         ? getValueMatchAction(check)
                                         : getPreflightCheckAction(keyPresentAction);
@@ -152,65 +135,67 @@ PreflightActionSet App::performRegistryBasedChecks() {
     return actions;
 }
 
-std::wstring App::getPreflightCheckAction(std::wstring action) {
+std::wstring getPreflightCheckAction(std::wstring action) {
     static const wchar_t* const kFunction = L"App::getPreflightCheckAction";
     // Compared as the words are stored: text after an embedded NUL (binary or multi-string data)
     // does not count.
-    action = preflight::UpToFirstNul(std::move(action));
-    if (action.empty()) return preflight::kActionNone;
-    if (platform::EqualsIgnoreCase(action, preflight::kActionReboot))
-        return preflight::kActionReboot;
-    if (platform::EqualsIgnoreCase(action, preflight::kActionError)) return preflight::kActionError;
+    action = UpToFirstNul(std::move(action));
+    if (action.empty()) return kActionNone;
+    if (platform::EqualsIgnoreCase(action, kActionReboot))
+        return kActionReboot;
+    if (platform::EqualsIgnoreCase(action, kActionError)) return kActionError;
     // A word we do not know never fails the run.
     LogF(L"%s: invalid action [%s]", kFunction, action);
-    return preflight::kActionNone;
+    return kActionNone;
 }
 
-std::wstring App::getValueMatchAction(const RegistryValueMap& check) {
+std::wstring getValueMatchAction(const RegistryValueMap& check) {
     static const wchar_t* const kFunction = L"App::getValueMatchAction";
-    const std::wstring keyPath = preflight::Lookup(check, L"KeyPath");
-    const std::wstring matchAction = preflight::Lookup(check, L"ValueMatchAction");
+    const std::wstring keyPath = Lookup(check, L"KeyPath");
+    const std::wstring matchAction = Lookup(check, L"ValueMatchAction");
     if (matchAction.empty()) {
         LogF(L"%s: no value match action defined", kFunction);
-        return preflight::kActionNone;
+        return kActionNone;
     }
-    const std::wstring valueName = preflight::Lookup(check, L"ValueName");
-    const std::wstring expected = preflight::Lookup(check, L"ExpectedValue");
+    const std::wstring valueName = Lookup(check, L"ValueName");
+    const std::wstring expected = Lookup(check, L"ExpectedValue");
     const std::wstring actual =
-        RegReadString(preflight::ShortenRootNames(keyPath) + L"\\" + valueName, L"");
+        RegReadString(ShortenRootNames(keyPath) + L"\\" + valueName, L"");
     // An empty expectation never matches, not even an empty or missing value.
     if (expected.empty() || !platform::EqualsIgnoreCase(expected, actual))
-        return preflight::kActionNone;
+        return kActionNone;
     LogF(L"%s: preflight check [%s], value matches, adding an action [%s] to process", kFunction,
          keyPath, matchAction);
     return getPreflightCheckAction(matchAction);
 }
 
-bool App::isRebootPending() {
+bool isRebootPending() {
     static const wchar_t* const kFunction = L"App::isRebootPending";
     LogF(L"%s: checking registry keys for reboot pending", kFunction);
-    if (preflight::KeyExists(preflight::kWindowsUpdateRebootRequired)) {
+    if (KeyExists(kWindowsUpdateRebootRequired)) {
         LogF(L"%s: Windows Auto Update Reboot is pending", kFunction);
         return true;
     }
-    if (preflight::KeyExists(preflight::kServicingRebootPending)) {
+    if (KeyExists(kServicingRebootPending)) {
         LogF(L"%s: Windows Component Based Servicing (CBS) Reboot is pending", kFunction);
         return true;
     }
     // Our own marker counts only with components named in it; otherwise the former product's
     // marker decides.
-    const std::wstring current = preflight::kCurrentNeedReboot;
-    if (preflight::KeyExists(current)) {
+    const std::wstring current = kCurrentNeedReboot;
+    if (KeyExists(current)) {
         const std::wstring components = RegReadString(current + L"\\Components", L"");
         if (!components.empty()) {
             LogF(L"%s: Quorvane components <%s> need a reboot", kFunction, components);
             return true;
         }
     }
-    const std::wstring legacy = preflight::kLegacyNeedReboot;
-    if (!preflight::KeyExists(legacy)) return false;
+    const std::wstring legacy = kLegacyNeedReboot;
+    if (!KeyExists(legacy)) return false;
     const std::wstring components = RegReadString(legacy + L"\\Components", L"");
     if (components.empty()) return false;
     LogF(L"%s: Tessix components <%s> need a reboot", kFunction, components);
     return true;
 }
+
+}  // namespace preflight

@@ -1,6 +1,8 @@
 #pragma once
-// Administrator-defined preflight checks and the reboot-pending probe
-// (App::performRegistryBasedChecks, App::isRebootPending and their helpers in registry_checks.cpp).
+// Administrator-defined preflight checks and the reboot-pending probe (their log lines name them
+// "App::performRegistryBasedChecks", "App::isRebootPending", ...).
+//
+// Update record: reads legacyUpgradeDetected (which root lists the checks); writes nothing.
 //
 // Registry contract. One check per key under <root>\Agent\PreflightChecks\ (root: see
 // state/update_record.h). The list of checks is taken from the current root when the active update
@@ -31,11 +33,16 @@
 //   HKLM\SOFTWARE\Quorvane\NeedReboot\Components       text, not empty: our components waiting,
 //   HKLM\SOFTWARE\Tessix, Inc.\NeedReboot\Components   the same for the former product's
 //   components.
+#include <set>
 #include <string>
 #include <vector>
 
 #include "platform/registry.h"
 #include "state/registry.h"
+
+// The final action set of the registry-driven preflight checks: "ERROR", "NONE", "REBOOT", each at
+// most once, in this (case-sensitive) order.
+using PreflightActionSet = std::set<std::wstring>;
 
 namespace preflight {
 
@@ -54,5 +61,17 @@ std::wstring ShortenRootNames(std::wstring keyPath);
 
 // A check's values as text, keyed by trimmed name (rules above).
 RegistryValueMap CheckValues(const std::vector<platform::NamedRegistryValue>& values);
+
+// Every check's action word, as the rules above give it.
+PreflightActionSet performRegistryBasedChecks();
+
+// The action word for a stored word: REBOOT, ERROR, or NONE (also for empty and unknown words).
+std::wstring getPreflightCheckAction(std::wstring action);
+
+// The check's ValueMatchAction when its value matches ExpectedValue, else NONE.
+std::wstring getValueMatchAction(const RegistryValueMap& check);
+
+// Whether a restart is pending (the probe above).
+bool isRebootPending();
 
 }  // namespace preflight

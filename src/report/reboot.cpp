@@ -2,7 +2,7 @@
 
 #include "platform/clock.h"
 #include "platform/restart.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/update_record.h"
 
 bool RebootSystem() {

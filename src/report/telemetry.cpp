@@ -6,10 +6,12 @@
 
 #include "core/core_exception.h"
 #include "core/text.h"
+#include "download/workspace.h"
+#include "log/log_folder.h"
+#include "log/tool_log.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
 #include "state/update_record.h"
 
 namespace {
@@ -58,7 +60,7 @@ bool LoadDocument(const std::wstring& path, Json::Value& root) {
 }  // namespace
 
 std::wstring TelemetryFilePath() {
-    return LogsRoot() + L"\\updatetool" + L"\\UpdateToolTelemetryData.json";
+    return LogsRoot(&GetWorkspace) + L"\\updatetool" + L"\\UpdateToolTelemetryData.json";
 }
 
 Json::Value TelemetryEntry(long long timestamp) {
@@ -85,7 +87,7 @@ bool Util_UpdateDataForTelemetry() {
         return false;
     }
     const long long timestamp = platform::UtcSecondsNow();
-    platform::CreateFolder(LogsRoot() + L"\\updatetool");  // an existing folder is the normal case
+    platform::CreateFolder(LogsRoot(&GetWorkspace) + L"\\updatetool");  // an existing folder is the normal case
     const std::wstring path = TelemetryFilePath();
 
     Json::Value root;

@@ -7,6 +7,9 @@
 //   updatedGUID, type, fileName, version (strings), timestamp (UTC seconds), status (state name),
 //   attempt (RETRY), result (RESULT); fromVersion, errorCode, errorDescription only when not empty.
 // Nothing in the tool removes entries.
+//
+// Update record: reads keyId, agent, fileName, version, state, retry, result, installedVersion,
+// errorCode, errorDesc; writes nothing.
 #include <string>
 
 #include <json/value.h>

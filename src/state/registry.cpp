@@ -3,28 +3,16 @@
 #include <array>
 
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 
 namespace {
 
 using platform::Hive;
 namespace regtype = platform::regtype;
 
-struct RootName {
-    const wchar_t* name;
-    Hive hive;
-};
-constexpr std::array<RootName, 5> kRoots{{
-    {L"HKLM", Hive::LocalMachine},
-    {L"HKCU", Hive::CurrentUser},
-    {L"HKCR", Hive::ClassesRoot},
-    {L"HKCC", Hive::CurrentConfig},
-    {L"HKU", Hive::Users},
-}};
-
 std::optional<Hive> HiveFromRootName(const std::wstring& root) {
-    for (const auto& entry : kRoots)
-        if (platform::EqualsIgnoreCase(root, entry.name)) return entry.hive;
+    for (const auto& entry : kRegistryRootNames)
+        if (platform::EqualsIgnoreCase(root, entry.shortName)) return entry.hive;
     return std::nullopt;
 }
 
@@ -39,6 +27,17 @@ std::wstring UpToFirstNul(std::wstring text) {
     const auto nul = text.find(L'\0');
     if (nul != std::wstring::npos) text.resize(nul);
     return text;
+}
+
+// The raw value a path names; nullopt for an unknown root or a query that fails.
+std::optional<platform::RegistryValue> QueryValue(const std::wstring& path, bool view32) {
+    const RegistryPath parts = SplitRegistryPath(path);
+    if (!parts.hive) return std::nullopt;
+    platform::RegistryValue raw;
+    if (platform::RegistryQueryValue(*parts.hive, parts.key, parts.value, view32, raw) !=
+        platform::status::kSuccess)
+        return std::nullopt;
+    return raw;
 }
 
 // A key path given without a value: append a dummy value segment so that the whole path is the key.
@@ -93,8 +92,8 @@ RegistryPath SplitRegistryPath(const std::wstring& path) {
 }
 
 std::wstring RootName(platform::Hive hive) {
-    for (const auto& entry : kRoots)
-        if (entry.hive == hive) return entry.name;
+    for (const auto& entry : kRegistryRootNames)
+        if (entry.hive == hive) return entry.shortName;
     return {};
 }
 
@@ -139,29 +138,21 @@ std::optional<std::wstring> RegistryValueText(const platform::RegistryValue& val
 
 RegReadResult RegReadValue(const std::wstring& path, std::int32_t acceptedType, bool view32) {
     RegReadResult result;
-    const RegistryPath parts = SplitRegistryPath(path);
-    if (!parts.hive) return result;
-    platform::RegistryValue raw;
-    if (platform::RegistryQueryValue(*parts.hive, parts.key, parts.value, view32, raw) !=
-        platform::status::kSuccess)
+    const auto raw = QueryValue(path, view32);
+    if (!raw) return result;
+    if (acceptedType != kAnyRegistryType && static_cast<std::uint32_t>(acceptedType) != raw->type)
         return result;
-    if (acceptedType != kAnyRegistryType && static_cast<std::uint32_t>(acceptedType) != raw.type)
-        return result;
-    result.type = static_cast<std::int32_t>(raw.type);
+    result.type = static_cast<std::int32_t>(raw->type);
     // A value of a type that makes no text (REG_BINARY, say) still exists: it reports its type
     // with an empty text.
-    result.text = RegistryValueText(raw).value_or(L"");
+    result.text = RegistryValueText(*raw).value_or(L"");
     return result;
 }
 
 std::wstring RegReadString(const std::wstring& path, const std::wstring& defaultText, bool view32) {
-    const RegistryPath parts = SplitRegistryPath(path);
-    if (!parts.hive) return defaultText;
-    platform::RegistryValue raw;
-    if (platform::RegistryQueryValue(*parts.hive, parts.key, parts.value, view32, raw) !=
-        platform::status::kSuccess)
-        return defaultText;
-    return RegistryValueText(raw).value_or(defaultText);
+    const auto raw = QueryValue(path, view32);
+    if (!raw) return defaultText;
+    return RegistryValueText(*raw).value_or(defaultText);
 }
 
 bool RegWriteValue(const std::wstring& path, const std::wstring& text, std::uint32_t type,

@@ -5,6 +5,7 @@
 // the key path is the text between the first and the last backslash, the value name the text after
 // the last one. An empty value name ("HKLM\Software\X\") names the key's default value.
 // Failures are reported by the result only: readers give their default, writers false.
+#include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -14,6 +15,21 @@
 
 #include "core/text.h"
 #include "platform/registry.h"
+
+// The registry's roots, each with its long name and the short one paths write. The one table of
+// root names: the path helpers here and the preflight checks' key paths read it.
+struct RegistryRootName {
+    platform::Hive hive;
+    const wchar_t* longName;
+    const wchar_t* shortName;
+};
+inline constexpr std::array<RegistryRootName, 5> kRegistryRootNames{{
+    {platform::Hive::LocalMachine, L"HKEY_LOCAL_MACHINE", L"HKLM"},
+    {platform::Hive::CurrentUser, L"HKEY_CURRENT_USER", L"HKCU"},
+    {platform::Hive::ClassesRoot, L"HKEY_CLASSES_ROOT", L"HKCR"},
+    {platform::Hive::CurrentConfig, L"HKEY_CURRENT_CONFIG", L"HKCC"},
+    {platform::Hive::Users, L"HKEY_USERS", L"HKU"},
+}};
 
 struct RegistryPath {
     std::optional<platform::Hive> hive;  // none: unknown root, the operation fails

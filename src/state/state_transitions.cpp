@@ -2,11 +2,11 @@
 
 #include <cstdint>
 
-#include "download/workspace.h"
+#include "core/preflight_error_name.h"
 #include "platform/clock.h"
 #include "platform/registry.h"
-#include "preflight/preflight_error_name.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
+#include "state/downloaded_package.h"
 #include "state/registry.h"
 #include "state/update_record.h"
 
@@ -19,7 +19,7 @@ constexpr const wchar_t* kResultInvalid = L"INVALID";
 
 std::wstring UpdateValuePath(const std::wstring& root, const std::wstring& keyId,
                              const wchar_t* value) {
-    return root + L"\\Agent\\Update\\" + keyId + L"\\" + value;
+    return root + kUpdateKeysPath + keyId + L"\\" + value;
 }
 
 void CleanWorkspace() {
@@ -111,7 +111,7 @@ bool WriteStateUnder(const std::wstring& root, const wchar_t* function) {
     if (record.keyId.empty() || !UtilGetActiveUpdate()) return false;
 
     if (record.forceReboot &&
-        !RegWriteVolatileString(root + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", L"1")) {
+        !RegWriteVolatileString(root + kNeedRebootMarkerPath, L"1")) {
         LogF(L"%s: failed to update NeedReboot in registry", function);
         return false;
     }

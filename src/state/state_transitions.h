@@ -10,9 +10,12 @@
 //
 // RESULT texts: "OK", "PROGRESS", "FAILURE", "INVALID", "PREFLIGHTCHECK_OK",
 // "PREFLIGHTCHECK_FAILURE", "PREFLIGHTCHECK_INPROGRESS".
+//
+// Update record: reads keyId, legacyUpgradeDetected, fileName, errorDesc, maxRetry, retryWaitMs;
+// reads and writes state, result, errorCode, retry, forceReboot.
 #include <cstdint>
 
-#include "app/run_result.h"
+#include "core/run_result.h"
 
 // How many times a pending restart may send a preflight run back to READY, whatever
 // MAXDOWNLOADANDUPGRADERETRY says.

@@ -3,16 +3,14 @@
 #include <array>
 #include <optional>
 
-#include "core/policy_config.h"
 #include "core/property_bag.h"
 #include "core/text.h"
 #include "platform/system.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
+#include "state/policy_config.h"
 #include "state/registry.h"
 
 namespace {
-
-constexpr const wchar_t* kUpdateFolder = L"\\Agent\\Update\\";
 
 // Index = state id; 0 is the invalid state and has no name.
 constexpr std::array<const wchar_t*, 7> kStateNames{L"",        L"READY",    L"DOWNLOAD", L"WAIT",
@@ -21,11 +19,11 @@ constexpr std::array<const wchar_t*, 7> kStateNames{L"",        L"READY",    L"D
 std::wstring UpdateKeyPath(const UpdateRecord& record) {
     const std::wstring root =
         record.legacyUpgradeDetected ? LegacyProductRoot() : CurrentProductRoot();
-    return root + kUpdateFolder + record.keyId;
+    return root + kUpdateKeysPath + record.keyId;
 }
 
 std::wstring UpdateSettingPath(const wchar_t* name) {
-    return CurrentProductRoot() + kUpdateFolder + name;
+    return CurrentProductRoot() + kUpdateKeysPath + name;
 }
 
 // A multi-string as a list; empty pieces (doubled or trailing separators) are dropped.
@@ -81,14 +79,14 @@ bool UtilGetActiveUpdate() {
     UpdateRecord& record = ActiveUpdateRecord();
 
     // An update under the former product's root is an upgrade from it and always wins.
-    std::vector<std::wstring> keys = RegEnumSubkeys(LegacyProductRoot() + kUpdateFolder);
+    std::vector<std::wstring> keys = RegEnumSubkeys(LegacyProductRoot() + kUpdateKeysPath);
     record.legacyUpgradeDetected = !keys.empty();
     if (record.legacyUpgradeDetected) {
         LogF(L"%s: Tessix to Quorvane agent upgrade detected", kFunction);
     } else {
         LogF(L"%s: No Tessix active updates", kFunction);
         LogF(L"%s: Check for Quorvane active updates", kFunction);
-        keys = RegEnumSubkeys(CurrentProductRoot() + kUpdateFolder);
+        keys = RegEnumSubkeys(CurrentProductRoot() + kUpdateKeysPath);
         if (keys.empty()) {
             LogF(L"%s: No Quorvane active updates", kFunction);
             record.keyId.clear();
@@ -144,11 +142,16 @@ bool UtilGetRegistry() {
         return false;
     }
 
-    // Malformed metadata leaves the bag empty (the parser logs why): no thumbprints, no failure.
+    // Malformed metadata leaves the bag empty (logged with the parser's reason): no thumbprints,
+    // no failure.
     CORE::PropertyBag bag;
     copy(L"METADATA", record.metadata);
-    if (!record.metadata.empty() && bag.Parse(record.metadata, true))
-        LogF(L"%s: matadata XML string loaded", kFunction);
+    if (!record.metadata.empty()) {
+        if (bag.Parse(record.metadata, true))
+            LogF(L"%s: matadata XML string loaded", kFunction);
+        else
+            LogF(L"PropertyBag Parse failed: %s", bag.ParseError());
+    }
 
     copy(L"CHECKSUM", record.checksum);
     copy(L"FILESIZE", record.fileSize);
@@ -207,7 +210,7 @@ bool ReadPreflightCheckComplete() {
     const UpdateRecord& record = ActiveUpdateRecord();
     if (record.keyId.empty()) return false;
     return ParseBoolText(RegReadString(
-        CurrentProductRoot() + kUpdateFolder + record.keyId + L"\\PreflightCheckComplete", L"0"));
+        CurrentProductRoot() + kUpdateKeysPath + record.keyId + L"\\PreflightCheckComplete", L"0"));
 }
 
 bool ReadUpdateEnabled() {

@@ -8,7 +8,7 @@
 //   current root  HKLM\Software\Quorvane\Lumenar
 //   legacy root   HKLM\Software\Tessix, Inc.\Tessix KDX
 //
-// Registry contract. "Policy-aware" reads also honour the policy keys (core/policy_config.h).
+// Registry contract. "Policy-aware" reads also honour the policy keys (state/policy_config.h).
 //
 // ROOT\Agent\Update\ (current root only), read at program start:
 //   Enabled                     text or DWORD  default "1"       policy-aware. The update feature
@@ -56,6 +56,10 @@
 #include <map>
 #include <string>
 #include <vector>
+
+// The two locations above, under a product root; every reader and writer uses these.
+inline constexpr const wchar_t* kUpdateKeysPath = L"\\Agent\\Update\\";
+inline constexpr const wchar_t* kNeedRebootMarkerPath = L"\\Agent\\UpdateStatusVolatile\\NeedReboot";
 
 namespace update_state {
 constexpr int kInvalid = 0;
@@ -114,7 +118,14 @@ struct UpdateRecord : UpdateKeyValues {
     std::uint32_t retryWaitMs = kDefaultRetryWaitPeriodMs;
 };
 
-// The process-wide record; it lives until the process ends.
+// The process-wide record; it lives until the process ends. Each step's header names the fields it
+// reads and writes, in a line beginning "Update record:". In run order:
+//   Util_GetUpdateState (here)   writes keyId, legacyUpgradeDetected and every UpdateKeyValues field
+//   ReadRetrySettings (here)     writes maxRetry, retryWaitMs
+//   preflight, download, install steps        see preflight/, download/download.h, app/app.h
+//   SetForceReboot (state/force_reboot.h)      forceReboot
+//   Util_UpdateDone (state/state_transitions.h), Util_UpdateDataForTelemetry (report/telemetry.h),
+//   Util_CheckReboot (report/reboot.h)         the run's closing steps
 UpdateRecord& ActiveUpdateRecord();
 void ResetUpdateRecordForTesting();
 

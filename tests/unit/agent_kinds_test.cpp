@@ -2,7 +2,7 @@
 // its versions. Exit codes are judged through App::Update in app_install_test.cpp.
 #include <memory>
 
-#include "agent/force_reboot.h"
+#include "state/force_reboot.h"
 #include "agent/generic_agent.h"
 #include "agent/orel_agent.h"
 #include "state/registry.h"

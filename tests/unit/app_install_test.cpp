@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/force_reboot.h"
+#include "state/force_reboot.h"
 #include "agent/generic_agent.h"
 #include "agent/orel_agent.h"
 #include "app/app.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "app/app.h"
+#include "preflight/preflight_checks.h"
 #include "test_support.h"
 
 namespace {
@@ -94,7 +95,7 @@ class WindowsUpdateComTest : public PreflightTest, public ::testing::WithParamIn
 TEST_P(WindowsUpdateComTest, FailuresCountAsNotBusyAndTheApartmentIsLeft) {
     Platform().comInitializeResult = GetParam().initialize;
     Platform().updateInstallerScript = {GetParam().answer};
-    EXPECT_FALSE(app_.isWindowsUpdateInProgress());
+    EXPECT_FALSE(preflight::isWindowsUpdateInProgress());
     EXPECT_TRUE(LoggedLine(std::wstring(L"App::isWindowsUpdateInProgress: ") + GetParam().line));
     EXPECT_EQ(Platform().comInitializeCalls, 1);
     EXPECT_EQ(Platform().comUninitializeCalls, 1);
@@ -155,14 +156,14 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(PreflightTest, UnknownDirectoryOrSpacePasses) {
     Platform().diskSpace.totalFreeBytes = 0;
     Platform().currentDirectoryError = 5;
-    EXPECT_TRUE(app_.isDiskspaceSufficientForUpdate());
+    EXPECT_TRUE(preflight::isDiskspaceSufficientForUpdate());
     EXPECT_TRUE(LoggedLine(
         L"App::isDiskspaceSufficientForUpdate: unable to fetch current directory path, error [5]"));
     EXPECT_TRUE(Platform().diskSpaceQueries.empty());
 
     Platform().currentDirectoryError = 0;
     Platform().diskSpaceError = 21;  // device not ready
-    EXPECT_TRUE(app_.isDiskspaceSufficientForUpdate());
+    EXPECT_TRUE(preflight::isDiskspaceSufficientForUpdate());
     EXPECT_TRUE(
         LoggedLine(L"App::isDiskspaceSufficientForUpdate: Failed to check diskspace, error  [21]"));
 }

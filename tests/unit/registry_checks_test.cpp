@@ -3,7 +3,6 @@
 
 #include <optional>
 
-#include "app/app.h"
 #include "test_support.h"
 
 namespace {
@@ -31,8 +30,6 @@ protected:
             fake::SetRegistryString(valuesRoot + core::Trim(name) + L"\\" + value, text);
     }
     bool LoggedLine(const std::wstring& message) const { return Logged(L": " + message + L"\r\n"); }
-
-    App app_;
 };
 
 // ---- The key-exists test ----
@@ -70,7 +67,7 @@ class ActionWordTest
 
 TEST_P(ActionWordTest, KnownWordsInAnyCaseElseNone) {
     const auto& [input, expected, invalid] = GetParam();
-    EXPECT_EQ(app_.getPreflightCheckAction(input), expected);
+    EXPECT_EQ(preflight::getPreflightCheckAction(input), expected);
     EXPECT_EQ(Logged(L"App::getPreflightCheckAction: invalid action ["), invalid);
 }
 
@@ -100,7 +97,7 @@ class CheckRunTest : public RegistryChecksTest, public ::testing::WithParamInter
 
 TEST_P(CheckRunTest, AddsItsAction) {
     AddCheck(L"  Check1\t", GetParam().values);
-    const PreflightActionSet actions = app_.performRegistryBasedChecks();
+    const PreflightActionSet actions = preflight::performRegistryBasedChecks();
     EXPECT_EQ(std::vector<std::wstring>(actions.begin(), actions.end()), GetParam().actions);
     EXPECT_TRUE(
         LoggedLine(L"App::performRegistryBasedChecks: processing preflight check key [Check1]"));
@@ -184,7 +181,7 @@ TEST_F(RegistryChecksTest, EachActionOnceInOrder) {
     AddCheck(L"A", {{L"KeyPath", L"HKLM\\Software\\Target"}, {L"KeyPresentAction", L"REBOOT"}});
     AddCheck(L"B", {{L"KeyPath", L"HKLM\\Software\\Target"}, {L"KeyPresentAction", L"reboot"}});
     AddCheck(L"C", {{L"KeyPath", L"HKLM\\Software\\Target"}, {L"KeyPresentAction", L"Error"}});
-    EXPECT_EQ(app_.performRegistryBasedChecks(), (PreflightActionSet{L"ERROR", L"REBOOT"}));
+    EXPECT_EQ(preflight::performRegistryBasedChecks(), (PreflightActionSet{L"ERROR", L"REBOOT"}));
 }
 
 TEST_F(RegistryChecksTest, ListRootFollowsTheUpgradeButValuesComeFromTheCurrentRoot) {
@@ -197,7 +194,7 @@ TEST_F(RegistryChecksTest, ListRootFollowsTheUpgradeButValuesComeFromTheCurrentR
     AddCheck(L"B", error, kCurrentChecks, kCurrentChecks);
     AddCheck(L"C", reboot, kLegacyChecks, kLegacyChecks);
 
-    EXPECT_EQ(app_.performRegistryBasedChecks(), PreflightActionSet{L"REBOOT"});
+    EXPECT_EQ(preflight::performRegistryBasedChecks(), PreflightActionSet{L"REBOOT"});
     EXPECT_FALSE(Logged(L"[B]"));
     EXPECT_TRUE(
         LoggedLine(L"App::performRegistryBasedChecks: preflight check, unable to read "
@@ -205,7 +202,7 @@ TEST_F(RegistryChecksTest, ListRootFollowsTheUpgradeButValuesComeFromTheCurrentR
 
     StartLog();
     ActiveUpdateRecord().legacyUpgradeDetected = true;
-    EXPECT_EQ(app_.performRegistryBasedChecks(), (PreflightActionSet{L"ERROR", L"REBOOT"}));
+    EXPECT_EQ(preflight::performRegistryBasedChecks(), (PreflightActionSet{L"ERROR", L"REBOOT"}));
     EXPECT_FALSE(Logged(L"[C]"));
 }
 
@@ -289,7 +286,7 @@ TEST_P(RebootPendingTest, FirstSourceThatHoldsDecides) {
         fake::SetRegistryString(L"HKLM\\SOFTWARE\\Tessix, Inc.\\NeedReboot\\Components",
                                 *c.legacyComponents);
 
-    EXPECT_EQ(app_.isRebootPending(), c.line != nullptr);
+    EXPECT_EQ(preflight::isRebootPending(), c.line != nullptr);
     EXPECT_TRUE(LoggedLine(L"App::isRebootPending: checking registry keys for reboot pending"));
     const std::wstring text = LogText();
     std::size_t reasons = 0;

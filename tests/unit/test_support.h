@@ -5,9 +5,10 @@
 #include <memory>
 #include <string>
 
+#include "app/run_log.h"
 #include "download/workspace.h"
 #include "fake_platform.h"
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 #include "state/update_record.h"
 
 class ToolTest : public ::testing::Test {
@@ -26,7 +27,7 @@ protected:
     // Starts the run's log again, as a new run would (after arranging the registry it reads).
     ToolLog& StartLog() {
         log_.reset();  // one log at a time, as in the tool
-        log_ = std::make_unique<ToolLog>();
+        log_ = std::make_unique<ToolLog>(&RunLogFolder);
         return *log_;
     }
 

@@ -1,4 +1,4 @@
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 
 #include <cstdarg>
 
@@ -60,7 +60,7 @@ TEST_F(ToolLogTest, FileIsBomThenEveryLineWithCrLf) {
 TEST_F(ToolLogTest, EndBannerIsTheLastLine) {
     std::wstring path;
     {
-        ToolLog log;
+        ToolLog log(&RunLogFolder);
         path = log.path();
     }
     const std::wstring text = fake::FileText(path);

@@ -165,6 +165,7 @@ TEST_F(UpdateRecordTest, MalformedMetadataGivesNoThumbprintsButReads) {
     EXPECT_TRUE(Record().thumbprints.empty());
     EXPECT_EQ(Record().metadata, broken);
     EXPECT_FALSE(Logged(L"matadata XML string loaded"));
+    EXPECT_TRUE(Logged(L"PropertyBag Parse failed: expected end of property bag, line=1, col=47"));
 }
 
 // ---- State names ----

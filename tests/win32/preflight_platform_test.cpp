@@ -4,11 +4,11 @@
 #include <objbase.h>
 #include <windows.h>
 
-#include "app/app.h"
 #include "platform/disk.h"
 #include "platform/registry.h"
 #include "platform/system.h"
 #include "platform/windows_update.h"
+#include "preflight/preflight_checks.h"
 #include "registry_override.h"
 
 namespace {
@@ -38,9 +38,8 @@ TEST(WindowsUpdateAdapter, ReportsTheFailureWithoutAnApartment) {
 }
 
 TEST(WindowsUpdateAdapter, TheProbeLeavesCOMAsItFoundIt) {
-    App app;
-    EXPECT_FALSE(app.isWindowsUpdateInProgress());
-    EXPECT_FALSE(app.isWindowsUpdateInProgress());
+    EXPECT_FALSE(preflight::isWindowsUpdateInProgress());
+    EXPECT_FALSE(preflight::isWindowsUpdateInProgress());
     EXPECT_TRUE(ThreadHasNoApartment());
 }
 

@@ -1,4 +1,4 @@
-#include "app/run_result.h"
+#include "core/run_result.h"
 
 #include <array>
 

@@ -1,14 +1,10 @@
 #pragma once
 // The tool's own per-run log. One ToolLog exists for the whole process, created before the entry
-// point and finished after it. Each line goes to standard output and to
-//   <InstallLogsDir>\updatetool\Quorvane_Agent_Update_YYYYMMDDhhmmss.log
-// (InstallLogsDir from the current product key, then the legacy one, else the workspace folder),
-// a UTF-16LE file with a byte-order mark and CR LF line ends. The whole file is rewritten from
-// memory on every line, so it is complete after each line and a locked file catches up later.
-//
-// Registry values read here:
-//   HKLM\Software\Quorvane\Lumenar\InstallLogsDir          REG_SZ  logs root (optional)
-//   HKLM\Software\Tessix, Inc.\Tessix KDX\InstallLogsDir   REG_SZ  legacy logs root (optional)
+// point and finished after it (app/main.cpp). Each line goes to standard output and to
+//   <logs root>\updatetool\Quorvane_Agent_Update_YYYYMMDDhhmmss.log
+// (the folder as log/log_folder.h chooses it), a UTF-16LE file with a byte-order mark and CR LF
+// line ends. The whole file is rewritten from memory on every line, so it is complete after each
+// line and a locked file catches up later.
 #include <cstdarg>
 #include <ctime>
 #include <mutex>
@@ -18,9 +14,9 @@
 
 class ToolLog {
 public:
-    // Chooses the file, creates its folder, writes the begin banner and the version line, and
-    // becomes the log that Log() writes to.
-    ToolLog();
+    // Becomes the log that Log() writes to, asks chooseFolder for its folder, creates it, and writes
+    // the begin banner and the version line.
+    explicit ToolLog(std::wstring (*chooseFolder)());
     // Writes the end banner and hands Log() back to the log that was current before.
     ~ToolLog();
     ToolLog(const ToolLog&) = delete;
@@ -54,13 +50,6 @@ void LogF(std::wstring_view pattern, const Args&... args) {
 // millisecondSeparator is set. A zero separator leaves its part out.
 std::wstring FormatTimestamp(const std::tm& time, wchar_t dateSeparator, wchar_t timeSeparator,
                              wchar_t millisecondSeparator, int milliseconds);
-
-// The logs root: InstallLogsDir of the current product key, else of the legacy one, else the
-// workspace folder.
-std::wstring LogsRoot();
-
-// The folder the log file goes into ("<logs root>\updatetool").
-std::wstring ToolLogFolder();
 
 // "Quorvane_Agent_Update_YYYYMMDDhhmmss.log" for the given local time.
 std::wstring ToolLogFileName(const std::tm& time);

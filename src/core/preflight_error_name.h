@@ -2,7 +2,7 @@
 // The error name a finished preflight run records for its result.
 #include <string>
 
-#include "app/run_result.h"
+#include "core/run_result.h"
 
 // -13 "PREFLIGHT_ERR_WIN_UPDATE_INPROGRESS", -12 "PREFLIGHT_ERR_INSUFFICIENT_DISKSPACE",
 // -11 "PREFLIGHT_ERR_REBOOT_PENDING"; every other code, -10 (a check asked for "ERROR") and -9

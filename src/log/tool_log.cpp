@@ -1,4 +1,4 @@
-#include "report/tool_log.h"
+#include "log/tool_log.h"
 
 #include <atomic>
 #include <cstdio>
@@ -8,11 +8,9 @@
 #include <fmt/xchar.h>
 
 #include "core/text.h"
-#include "download/workspace.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/system.h"
-#include "state/registry.h"
 
 namespace {
 
@@ -41,15 +39,6 @@ std::wstring FormatTimestamp(const std::tm& time, wchar_t dateSeparator, wchar_t
     return text;
 }
 
-std::wstring LogsRoot() {
-    std::wstring root = RegReadString(CurrentProductRoot() + L"\\InstallLogsDir", L"");
-    if (root.empty()) root = RegReadString(LegacyProductRoot() + L"\\InstallLogsDir", L"");
-    if (root.empty()) root = GetWorkspace();
-    return root;
-}
-
-std::wstring ToolLogFolder() { return core::PathJoin(LogsRoot(), L"updatetool"); }
-
 std::wstring ToolLogFileName(const std::tm& time) {
     return core::Format(L"Quorvane_Agent_Update_%d%02d%02d%02d%02d%02d.log", time.tm_year + 1900,
                         time.tm_mon + 1, time.tm_mday, time.tm_hour, time.tm_min, time.tm_sec);
@@ -63,8 +52,9 @@ std::wstring FileVersionText(const std::wstring& modulePath) {
                        version->leastSignificant & 0xFFFF);
 }
 
-ToolLog::ToolLog() : previous_(g_current.exchange(this)) {
-    const std::wstring folder = ToolLogFolder();
+ToolLog::ToolLog(std::wstring (*chooseFolder)()) : previous_(g_current.exchange(this)) {
+    // Chosen once this log is current, so that what the choice logs is in the file too.
+    const std::wstring folder = chooseFolder();
     platform::CreateFolder(folder);  // an existing folder is the normal case
     path_ = core::PathJoin(folder, ToolLogFileName(platform::LocalNow().tm));
 

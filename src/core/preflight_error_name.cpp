@@ -1,4 +1,4 @@
-#include "preflight/preflight_error_name.h"
+#include "core/preflight_error_name.h"
 
 std::wstring Util_PreflightErrorName(RunResult code) {
     switch (code) {

@@ -1,4 +1,4 @@
-#include "agent/force_reboot.h"
+#include "state/force_reboot.h"
 
 #include "state/update_record.h"
 

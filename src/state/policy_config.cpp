@@ -1,4 +1,4 @@
-#include "core/policy_config.h"
+#include "state/policy_config.h"
 
 #include <map>
 
