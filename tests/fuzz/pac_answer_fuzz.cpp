@@ -1,6 +1,5 @@
-// Proxy texts: the PAC script's answer (it comes from a script on the network) and the configured
-// proxy list. Every route must be usable as it stands: a proxy in its one normal form, never twice,
-// and no quiet fallback to a direct connection when a PAC script is configured.
+// A PAC script's answer (from the network) and the configured proxy list: every route usable as it
+// stands, never twice, and no quiet fallback to a direct connection when a PAC script is set.
 #include "fuzz_check.h"
 #include "proxy_config.h"
 

@@ -1,6 +1,5 @@
-// The resume file beside a partial download lives where other programs can write: reading it is
-// parsing untrusted text. Whatever is accepted must survive a write and a read unchanged, and must
-// not claim more bytes than the download has.
+// The resume file beside a partial download, where other programs can write: what is accepted
+// survives a write and a read unchanged, and claims no more bytes than the download has.
 #include <cstring>
 
 #include "fuzz_check.h"

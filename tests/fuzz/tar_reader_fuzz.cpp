@@ -1,6 +1,5 @@
-// The tar reader on its own, fed whole and in chunks of a size the input picks: both must yield
-// the same events, since the network decides the chunks. The events must nest (data only inside a
-// file, every entry ended once) and a file must deliver exactly the bytes its header announced.
+// The tar reader alone, fed whole and in chunks the input picks: the same events either way, nested
+// (data only inside a file, every entry ended once), and exactly the bytes each header announced.
 #include "fuzz_check.h"
 #include "tar_reader.h"
 

@@ -1,6 +1,5 @@
-// The telemetry file is shared with other components, so the tool reads whatever it finds there:
-// it must either append its entry to a document it understands, keeping the rest as read, or
-// leave a document of another shape untouched.
+// The telemetry file, shared with other components: the tool appends its entry to a document it
+// understands, keeping the rest as read, and leaves a document of another shape untouched.
 #include <json/json.h>
 
 #include <optional>

@@ -1,6 +1,5 @@
-// The one tokenizer, which splits the tool's command line and every version text. Checked against
-// a plain split where no quote is involved, and for the promises that hold everywhere: no empty
-// token, and nothing invented.
+// The one tokenizer, of the command line and every version text: a plain split where no quote is
+// involved, and everywhere no empty token and nothing invented.
 #include "core/tokenizer.h"
 #include "fuzz_check.h"
 

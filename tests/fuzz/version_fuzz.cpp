@@ -1,6 +1,5 @@
-// Version texts come from the update key, override files and the installer database. The number
-// readers must agree with the C runtime they imitate, and the comparison must be an order: never
-// an upgrade from a version to itself, never both ways between two versions.
+// Version texts from the update key, override files and the installer database: the number readers
+// agree with the C runtime they imitate, and the comparison is an order.
 #include <cerrno>
 #include <climits>
 #include <cwchar>
@@ -26,9 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     // Two versions from one input, split at the first '|'. A refusal leaves the numbers alone.
     const auto [first, second] = fuzz::SplitAt(std::wstring_view(text), L'|');
-    VersionNumbers sentinel;
-    sentinel.leading = {-7, -7, -7};
-    sentinel.build = 7;
+    const VersionNumbers sentinel{{-7, -7, -7}, 7};
     VersionNumbers a = sentinel;
     VersionNumbers b = sentinel;
     if (!ParseVersionText(first, a)) FUZZ_CHECK(a == sentinel);
