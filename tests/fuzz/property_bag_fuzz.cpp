@@ -13,6 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             const bool parsed = bag.Parse(text, caseSensitive);
             const auto& items = bag.Items();
             FUZZ_CHECK(parsed || items.empty());
+            for (const auto& item : items) FUZZ_CHECK(!item.name.empty());
             std::size_t visited = 0;
             std::wstring value;
             for (std::size_t at = 0, next; (next = bag.FindNextItem(L"THUMBPRINT", value, at));
