@@ -1,11 +1,5 @@
-// The tool's command line, as the process received it (fake::State().commandLine). Whatever it
-// holds, the run either stops (help, an unknown option) or goes on with options that the text
-// really spelled, and an override file name that is not an option.
-#include <cstddef>
-#include <cstdint>
-#include <string>
-#include <vector>
-
+// The tool's command line as the process received it: the run either stops (help, an unknown
+// option) or goes on with options the text really spelled, and an override file named by a token.
 #include "app/app.h"
 #include "core/text.h"
 #include "core/tokenizer.h"
@@ -13,58 +7,43 @@
 #include "fuzz_check.h"
 #include "platform/system.h"
 
-namespace {
-
 constexpr const wchar_t* kWorkspace = L"C:\\ProgramData\\Quorvane\\Workspace";
 
-std::wstring FromUtf16Le(const std::uint8_t* data, std::size_t size) {
-    std::wstring text;
-    for (std::size_t i = 0; i + 1 < size; i += 2)
-        text.push_back(static_cast<wchar_t>(data[i] | (data[i + 1] << 8)));
-    return text;
-}
-
-bool Spelled(const std::vector<std::wstring>& tokens, const wchar_t* option) {
+static bool Spelled(const std::vector<std::wstring>& tokens, const std::wstring& option) {
     for (std::size_t i = 1; i < tokens.size(); ++i) {
-        if (platform::EqualsIgnoreCase(tokens[i], std::wstring(L"-") + option) ||
-            platform::EqualsIgnoreCase(tokens[i], std::wstring(L"/") + option))
+        if (platform::EqualsIgnoreCase(tokens[i], L"-" + option) ||
+            platform::EqualsIgnoreCase(tokens[i], L"/" + option))
             return true;
     }
     return false;
 }
 
-void Run(const std::wstring& commandLine) {
+static void Run(const std::wstring& commandLine) {
     fake::Reset();
     fake::State().commandLine = commandLine;
     fake::State().folders.insert(kWorkspace);
-    // Any override file the command line names exists, with a setting, so the file is read too.
+    // Any override file the line names exists with settings, so that the file is read too.
     const std::string settings = "Orel.version=8.13.0.1\nOrel.filename=setup.exe\n";
-    for (const std::wstring& token : core::SplitTokens(commandLine, L" \t\r\n"))
-        fake::State().files[core::PathJoin(kWorkspace, token)] =
-            std::vector<std::uint8_t>(settings.begin(), settings.end());
+    const std::vector<std::wstring> tokens = core::SplitTokens(commandLine, L" \t\r\n");
+    for (const std::wstring& token : tokens)
+        fake::State().files[core::PathJoin(kWorkspace, token)] = {settings.begin(), settings.end()};
 
     App app;
     app.workspace = kWorkspace;
     const bool proceed = app.ParseCmdline(platform::CommandLine());
-
-    const std::vector<std::wstring> tokens = core::SplitTokens(commandLine, L" \t\r\n");
-    if (app.force) FUZZ_CHECK(Spelled(tokens, L"force"));
-    if (app.test) FUZZ_CHECK(Spelled(tokens, L"test"));
+    FUZZ_CHECK((!app.force || Spelled(tokens, L"force")) &&
+               (!app.test || Spelled(tokens, L"test")));
     if (!proceed) return;
     FUZZ_CHECK(!Spelled(tokens, L"help"));
-    if (!app.overrideFile.empty()) {
-        FUZZ_CHECK(app.overrideFile.front() != L'-' && app.overrideFile.front() != L'/');
-        bool named = false;
-        for (std::size_t i = 1; i < tokens.size(); ++i) named = named || tokens[i] == app.overrideFile;
-        FUZZ_CHECK(named);
-        FUZZ_CHECK(app.version == L"8.13.0.1" && app.filename == L"setup.exe");
-    }
+    if (app.overrideFile.empty()) return;
+    FUZZ_CHECK(app.overrideFile.front() != L'-' && app.overrideFile.front() != L'/');
+    const auto first = tokens.begin() + (tokens.empty() ? 0 : 1);  // after the program's name
+    FUZZ_CHECK(std::find(first, tokens.end(), app.overrideFile) != tokens.end());
+    FUZZ_CHECK(app.version == L"8.13.0.1" && app.filename == L"setup.exe");
 }
 
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    Run(std::wstring(data, data + size));
-    Run(FromUtf16Le(data, size));
+    Run(fuzz::Widened(data, size));
+    Run(fuzz::Utf16Le(data, size));
     return 0;
 }

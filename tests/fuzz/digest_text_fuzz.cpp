@@ -1,24 +1,13 @@
 // Thumbprints and checksums as people type them into the update key: whatever is accepted must be
 // exactly the digest the text spells, in the one form the comparison uses.
-#include <cstddef>
-#include <cstdint>
-#include <string>
-#include <string_view>
-
 #include "digest_text.h"
 #include "fuzz_check.h"
 
-namespace {
-
 using namespace kesclient;
-
-void CheckCanonical(const Digest& digest) {
-    FUZZ_CHECK(digest.hex.size() == DigestHexLength(digest.algorithm));
-    for (const char c : digest.hex) FUZZ_CHECK((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'));
-}
+using Algorithm = DigestAlgorithm;
 
 // The hex digits of text in order, lower-cased: what an accepted digest must consist of.
-std::string HexDigitsOf(std::string_view text) {
+static std::string HexDigitsOf(std::string_view text) {
     std::string digits;
     for (const char c : text) {
         if ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f')) digits.push_back(c);
@@ -27,53 +16,29 @@ std::string HexDigitsOf(std::string_view text) {
     return digits;
 }
 
-void CheckThumbprint(std::string_view text) {
-    const auto digest = ParseThumbprint(text);
-    if (!digest) return;
-    FUZZ_CHECK(digest->algorithm == DigestAlgorithm::kSha1 ||
-               digest->algorithm == DigestAlgorithm::kSha256);
-    CheckCanonical(*digest);
-    // Separators and invisible marks are dropped, never digits: the bytes of the marks are no hex
-    // digits, so the digest is every hex digit of the text.
-    FUZZ_CHECK(digest->hex == HexDigitsOf(text));
-    FUZZ_CHECK(ParseThumbprint(digest->hex) == digest);
+// Lower-case hex of the algorithm's length, made of the text's last hex digits (separators and
+// invisible marks are dropped, never digits; a checksum's algorithm prefix has digits of its own).
+static void CheckCanonical(const Digest& digest, std::string_view text) {
+    FUZZ_CHECK(digest.hex.size() == DigestHexLength(digest.algorithm));
+    FUZZ_CHECK(HexDigitsOf(digest.hex) == digest.hex && HexDigitsOf(text).ends_with(digest.hex));
 }
-
-void CheckChecksum(std::string_view text) {
-    const auto digest = ParseChecksum(text);
-    if (!digest) return;
-    if (digest->algorithm == DigestAlgorithm::kNone) {
-        FUZZ_CHECK(digest->hex.empty());
-        return;
-    }
-    FUZZ_CHECK(digest->algorithm == DigestAlgorithm::kSha256 ||
-               digest->algorithm == DigestAlgorithm::kSha512);
-    CheckCanonical(*digest);
-    // The digits must be the text's last ones, in order (the algorithm prefix has digits of its
-    // own, so only the tail is compared).
-    const std::string digits = HexDigitsOf(text);
-    FUZZ_CHECK(digits.size() >= digest->hex.size());
-    FUZZ_CHECK(digits.compare(digits.size() - digest->hex.size(), std::string::npos,
-                              digest->hex) == 0);
-    FUZZ_CHECK(ParseChecksum(digest->hex) == digest);
-    const std::string prefixed =
-        (digest->algorithm == DigestAlgorithm::kSha256 ? "SHA256:" : "sha512:") + digest->hex;
-    FUZZ_CHECK(ParseChecksum(prefixed) == digest);
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::string_view text(reinterpret_cast<const char*>(data), size);
-    CheckThumbprint(text);
-    CheckChecksum(text);
-    // HexEncode is what the computed side of every comparison goes through.
-    const std::string hex = HexEncode(data, size);
-    FUZZ_CHECK(hex.size() == 2 * size);
-    FUZZ_CHECK(HexDigitsOf(hex) == hex);
-    if (size == 20 || size == 32) {
-        const auto thumbprint = ParseThumbprint(hex);
-        FUZZ_CHECK(thumbprint && thumbprint->hex == hex);
+    const std::string_view text = fuzz::Text(data, size);
+    if (const auto print = ParseThumbprint(text)) {
+        CheckCanonical(*print, text);
+        FUZZ_CHECK(print->hex == HexDigitsOf(text) && ParseThumbprint(print->hex) == print);
     }
+    const auto sum = ParseChecksum(text);
+    if (sum && sum->algorithm == Algorithm::kNone) FUZZ_CHECK(sum->hex.empty());
+    if (sum && sum->algorithm != Algorithm::kNone) {
+        CheckCanonical(*sum, text);
+        const char* prefix = sum->algorithm == Algorithm::kSha256 ? "SHA256:" : "sha512:";
+        FUZZ_CHECK(ParseChecksum(sum->hex) == sum && ParseChecksum(prefix + sum->hex) == sum);
+    }
+    // HexEncode is the computed side of every comparison: each digest size reads back as typed.
+    const std::string hex = HexEncode(data, size);
+    if (size == 20 || size == 32) FUZZ_CHECK(ParseThumbprint(hex).value_or(Digest{}).hex == hex);
+    if (size == 32 || size == 64) FUZZ_CHECK(ParseChecksum(hex).value_or(Digest{}).hex == hex);
     return 0;
 }

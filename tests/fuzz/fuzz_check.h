@@ -1,13 +1,84 @@
 #pragma once
-// The fuzz targets' one assertion: an invariant that does not hold is a finding, so it must abort
-// (libFuzzer then keeps the input) and say which invariant it was.
+// What the fuzz targets share: the one assertion (a broken invariant aborts, so libFuzzer keeps
+// the input, and says which invariant it was), the readings of the input as text, and the shapes
+// of a stream that arrives in pieces.
+#include <zlib.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
-#define FUZZ_CHECK(condition)                                                                   \
-    do {                                                                                        \
-        if (!(condition)) {                                                                     \
+#define FUZZ_CHECK(condition)                                                                      \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
             std::fprintf(stderr, "%s:%d: invariant failed: %s\n", __FILE__, __LINE__, #condition); \
-            std::abort();                                                                       \
-        }                                                                                       \
+            std::abort();                                                                          \
+        }                                                                                          \
     } while (false)
+
+namespace fuzz {
+
+using Bytes = std::vector<std::uint8_t>;
+
+inline std::string_view Text(const std::uint8_t* data, std::size_t size) {
+    return {reinterpret_cast<const char*>(data), size};
+}
+
+// The input as the tool's wide text: one character per byte, and as UTF-16LE.
+inline std::wstring Widened(const std::uint8_t* data, std::size_t size) {
+    return {data, data + size};
+}
+inline std::wstring Utf16Le(const std::uint8_t* data, std::size_t size) {
+    std::wstring text;
+    for (std::size_t i = 0; i + 1 < size; i += 2)
+        text.push_back(static_cast<wchar_t>(data[i] | (data[i + 1] << 8)));
+    return text;
+}
+
+inline std::string Joined(const std::vector<std::string>& parts, std::string_view separator) {
+    std::string text;
+    for (const std::string& part : parts)
+        text += (text.empty() ? "" : std::string(separator)) + part;
+    return text;
+}
+
+// Feeds the bytes to reader.Feed(piece, size, extra...) in pieces of `chunk` until it refuses one:
+// the network decides the pieces, so the outcome must not depend on them. True when all were taken.
+template <class Reader, class... Extra>
+bool FeedInChunks(Reader& reader, const Bytes& bytes, std::size_t chunk, const Extra&... extra) {
+    bool ok = true;
+    for (std::size_t at = 0; ok && at < bytes.size(); at += chunk)
+        ok = reader.Feed(bytes.data() + at, std::min(chunk, bytes.size() - at), extra...);
+    return ok;
+}
+
+// One input read as two: the text before the first separator and the text after it.
+template <class Char>
+auto SplitAt(std::basic_string_view<Char> text, Char separator) {
+    const std::size_t at = std::min(text.find(separator), text.size());
+    return std::pair(text.substr(0, at), text.substr(std::min(at + 1, text.size())));
+}
+
+// One gzip member, as a server would send a package.
+inline Bytes Gzip(const std::uint8_t* data, std::size_t size, int level = 6) {
+    z_stream stream{};
+    FUZZ_CHECK(deflateInit2(&stream, level, Z_DEFLATED, 16 + MAX_WBITS, 8, Z_DEFAULT_STRATEGY) ==
+               Z_OK);
+    Bytes out(deflateBound(&stream, static_cast<uLong>(size)) + 32);
+    stream.next_in = const_cast<Bytef*>(data);
+    stream.avail_in = static_cast<uInt>(size);
+    stream.next_out = out.data();
+    stream.avail_out = static_cast<uInt>(out.size());
+    FUZZ_CHECK(deflate(&stream, Z_FINISH) == Z_STREAM_END);
+    out.resize(stream.total_out);
+    deflateEnd(&stream);
+    return out;
+}
+
+}  // namespace fuzz

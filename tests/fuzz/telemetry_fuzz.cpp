@@ -1,15 +1,9 @@
-// The telemetry file is shared with other components, so the tool reads whatever it finds there.
-// Arbitrary bytes as the existing file: the tool must either append its entry to a document it
-// understands, keeping the rest as read, or leave a document of another shape untouched.
+// The telemetry file, shared with other components: the tool appends its entry to a document it
+// understands, keeping the rest as read, and leaves a document of another shape untouched.
 #include <json/json.h>
 
-#include <cstddef>
-#include <cstdint>
-#include <memory>
 #include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <sstream>
 
 #include "entry_name.h"  // the content client's UTF-8 check
 #include "fake_platform.h"
@@ -17,84 +11,62 @@
 #include "report/telemetry.h"
 #include "state/update_record.h"
 
-namespace {
+constexpr std::string_view kKeyId = "{2F1B7C1E-0000-4000-8000-00000000F022}";
 
-constexpr std::string_view kHistory = "updateTool";
-constexpr const wchar_t* kLogsRoot = L"C:\\ProgramData\\Quorvane\\Logs";
-constexpr const wchar_t* kKeyId = L"{2F1B7C1E-0000-4000-8000-00000000F022}";
-
-// Read as the tool reads it; nullopt when the text does not parse.
-std::optional<Json::Value> Parse(const std::vector<std::uint8_t>& bytes) {
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = true;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    const char* begin = reinterpret_cast<const char*>(bytes.data());
+// Read as the tool reads it (comments allowed); nothing when it does not parse, nested past the
+// reader's limit included.
+static std::optional<Json::Value> Parse(const fuzz::Bytes& bytes) {
+    std::istringstream stream(std::string(bytes.begin(), bytes.end()));
     Json::Value root;
-    Json::String errors;
     try {
-        if (!reader->parse(begin, begin + bytes.size(), &root, &errors)) return std::nullopt;
+        if (Json::parseFromStream(Json::CharReaderBuilder(), stream, &root, nullptr)) return root;
     } catch (const Json::Exception&) {
-        return std::nullopt;  // nested past the reader's limit, as the tool treats it
     }
-    return root;
+    return std::nullopt;
 }
 
-// What the tool can append to: an object (or nothing) whose "updateTool" is an array or absent.
-bool IsAppendable(const Json::Value& root) {
-    if (root.isNull()) return true;
-    if (!root.isObject()) return false;
-    const Json::Value* history = root.find(kHistory.data(), kHistory.data() + kHistory.size());
-    return history == nullptr || history->isNull() || history->isArray();
+// The tool's history in a document, or null when there is none.
+static const Json::Value* History(const Json::Value& root) {
+    constexpr std::string_view kName = "updateTool";
+    return root.isObject() ? root.find(kName.data(), kName.data() + kName.size()) : nullptr;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::wstring logs = L"C:\\ProgramData\\Quorvane\\Logs";
     fake::Reset();
-    fake::SetRegistryString(L"HKLM\\Software\\Quorvane\\Lumenar\\InstallLogsDir", kLogsRoot);
-    fake::State().folders.insert(L"C:\\ProgramData");
-    fake::State().folders.insert(L"C:\\ProgramData\\Quorvane");
-    fake::State().folders.insert(kLogsRoot);
-    fake::State().folders.insert(std::wstring(kLogsRoot) + L"\\updatetool");
+    fake::SetRegistryString(L"HKLM\\Software\\Quorvane\\Lumenar\\InstallLogsDir", logs);
+    fake::State().folders.insert(
+        {L"C:\\ProgramData", L"C:\\ProgramData\\Quorvane", logs, logs + L"\\updatetool"});
     ResetUpdateRecordForTesting();
-    UpdateRecord& record = ActiveUpdateRecord();
-    record.keyId = kKeyId;
-    record.agent = L"OREL";
-    record.version = L"8.13.0.12345";
-
-    const std::wstring path = TelemetryFilePath();
-    const std::vector<std::uint8_t> before(data, data + size);
-    fake::State().files[path] = before;
+    ActiveUpdateRecord().keyId = std::wstring(kKeyId.begin(), kKeyId.end());
+    ActiveUpdateRecord().agent = L"OREL";
+    ActiveUpdateRecord().version = L"8.13.0.12345";
+    const fuzz::Bytes before(data, data + size);
+    fake::State().files[TelemetryFilePath()] = before;
 
     const bool written = Util_UpdateDataForTelemetry();
-    const std::vector<std::uint8_t>& after = fake::State().files[path];
+    const fuzz::Bytes& after = fake::State().files[TelemetryFilePath()];
     const std::optional<Json::Value> old = size == 0 ? Json::Value() : Parse(before);
-
-    if (old && IsAppendable(*old)) FUZZ_CHECK(written);
-    if (!written) {
-        // A document of another shape belongs to someone else.
-        FUZZ_CHECK(after == before);
-        return 0;
-    }
-    // The new text is written over the old from the start (the file is not truncated).
-    FUZZ_CHECK(after.size() >= before.size());
+    // What the tool appends to: nothing, or an object whose history is an array or absent. A
+    // document of another shape belongs to someone else, and is left byte for byte.
+    const Json::Value* oldHistory = old ? History(*old) : nullptr;
+    if (old && (old->isNull() || (old->isObject() &&
+                                  (!oldHistory || oldHistory->isNull() || oldHistory->isArray()))))
+        FUZZ_CHECK(written);
+    FUZZ_CHECK(written || after == before);
+    if (!written) return 0;
+    // The new text is written over the old from the start (the file is not truncated), and its
+    // history ends with this run's entry.
     const std::optional<Json::Value> now = Parse(after);
-    FUZZ_CHECK(now && now->isObject() && (*now)["updateTool"].isArray());
-    const Json::Value& history = (*now)["updateTool"];
-    FUZZ_CHECK(!history.empty());
-    FUZZ_CHECK(history[history.size() - 1]["updatedGUID"].asString() == "{2F1B7C1E-0000-4000-8000-00000000F022}");
+    FUZZ_CHECK(after.size() >= before.size() && now && History(*now) && History(*now)->isArray());
+    const Json::Value& history = *History(*now);
+    FUZZ_CHECK(!history.empty() && history[history.size() - 1]["updatedGUID"].asString() == kKeyId);
     // The history grew by one and everything else is still there. Only checked for UTF-8 files:
     // the JSON writer replaces invalid sequences, so such a member comes back renamed (reported).
-    const std::string_view text(reinterpret_cast<const char*>(data), size);
-    if (old && old->isObject() && kesclient::IsValidUtf8(text)) {
-        const Json::Value* oldHistory = old->find(kHistory.data(), kHistory.data() + kHistory.size());
-        const Json::ArrayIndex oldCount =
-            oldHistory && oldHistory->isArray() ? oldHistory->size() : 0;
-        FUZZ_CHECK(history.size() == oldCount + 1);
-        for (const std::string& name : old->getMemberNames()) {
-            FUZZ_CHECK(now->isMember(name));
-            if (name != "updateTool") FUZZ_CHECK((*now)[name] == (*old)[name]);
-        }
-    }
+    if (!old || !old->isObject() || !kesclient::IsValidUtf8(fuzz::Text(data, size))) return 0;
+    FUZZ_CHECK(history.size() ==
+               (oldHistory && oldHistory->isArray() ? oldHistory->size() : 0) + 1);
+    for (const std::string& name : old->getMemberNames())
+        FUZZ_CHECK(now->isMember(name) && (name == "updateTool" || (*now)[name] == (*old)[name]));
     return 0;
 }

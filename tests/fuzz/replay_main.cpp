@@ -1,0 +1,43 @@
+// Replays a fuzz target's committed corpus in the native sanitized build, so that every input the
+// fuzzer kept is a regression test of the unit tier: `<target>_replay <corpus folder>`.
+#include <sanitizer/common_interface_defs.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+#include "fuzz_check.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+static std::string current;  // the input being replayed, named when it brings the run down
+static void NameInput() {
+    std::fprintf(stderr, "replaying %s\n", current.c_str());
+}
+
+int main(int argc, char** argv) {
+    std::vector<std::filesystem::path> inputs;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(argc == 2 ? argv[1] : "", error))
+        if (entry.is_regular_file()) inputs.push_back(entry.path());
+    if (inputs.empty()) {
+        std::fprintf(stderr, "usage: %s <corpus folder with inputs>\n", argv[0]);
+        return 2;
+    }
+    std::sort(inputs.begin(), inputs.end());         // the same order every time
+    __sanitizer_set_death_callback(NameInput);       // a sanitizer's report
+    std::signal(SIGABRT, [](int) { NameInput(); });  // FUZZ_CHECK: abort() then ends the process
+    for (const std::filesystem::path& input : inputs) {
+        current = input.string();
+        std::ifstream file(input, std::ios::binary);
+        const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+        // A buffer of exactly the input's size, as libFuzzer gives it, so a read past it is caught.
+        const auto data = std::make_unique<std::uint8_t[]>(bytes.size());
+        std::copy(bytes.begin(), bytes.end(), data.get());
+        LLVMFuzzerTestOneInput(data.get(), bytes.size());
+    }
+    std::printf("%zu inputs replayed from %s\n", inputs.size(), argv[1]);
+    return 0;
+}
