@@ -33,7 +33,7 @@ bool StartsWithNoCase(std::string_view text, std::string_view prefix);
 // Decimal digits only, at least one, no sign and no blanks, value at most `max`; anything else,
 // overflow included, is refused. Leading zeros are allowed: a caller that must bound the text's
 // length checks it first.
-std::optional<std::uint64_t> ParseDecimal(std::string_view digits,
-                                          std::uint64_t max = std::numeric_limits<std::uint64_t>::max());
+std::optional<std::uint64_t> ParseDecimal(
+    std::string_view digits, std::uint64_t max = std::numeric_limits<std::uint64_t>::max());
 
 }  // namespace kesclient

@@ -496,7 +496,8 @@ TransferOutcome ReceiveBody(HINTERNET request, PartialFile& partial, RunContext&
         DWORD read = 0;
         if (!ReadSome(request, writer.buffer() + filled, half - filled, &read)) {
             const DWORD error = ::GetLastError();
-            return settle(KESCLIENT_DOWNLOAD_FAILED, NextStep::kNextMirror, ReadFailure(error, run));
+            return settle(KESCLIENT_DOWNLOAD_FAILED, NextStep::kNextMirror,
+                          ReadFailure(error, run));
         }
         if (read == 0) return settle(KESCLIENT_SUCCESS, NextStep::kDone, "");
         position += read;
@@ -545,7 +546,8 @@ TransferOutcome TransferAnswer(const TransferTarget& target, PartialFile& partia
 
     Progress progress(target.id, start, limit);
     bool diskFailed = false;
-    const TransferOutcome outcome = ReceiveBody(request, partial, run, limit, progress, &diskFailed);
+    const TransferOutcome outcome =
+        ReceiveBody(request, partial, run, limit, progress, &diskFailed);
     if (outcome.next != NextStep::kDone) {
         if (outcome.code == KESCLIENT_WRONG_SIZE_ERROR) {
             partial.Discard();

@@ -14,7 +14,9 @@ namespace {
 
 using namespace kesclient;
 
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool IsDigit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 // Compares two decimal texts without leading zeros by value: longer is larger, else by letters.
 bool DecimalAbove(std::string_view digits, std::string_view limit) {

@@ -1,5 +1,6 @@
 #pragma once
-// A move-only owner for an operating-system handle, the one template both binaries use. Each handle kind supplies a traits type:
+// A move-only owner for an operating-system handle, the one template both binaries use. Each
+// handle kind supplies a traits type:
 //   struct Traits { using Type = ...; static Type Invalid() noexcept; static void Close(Type) noexcept; };
 // so that kinds with different "no handle" values (null, INVALID_HANDLE_VALUE) cannot be mixed up.
 #include <utility>
