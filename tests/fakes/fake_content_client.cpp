@@ -27,7 +27,7 @@ int RunDownloads(const KesClientString* folder, KesClientDownloadList downloads)
 KesClientDownload* CreateDownload(const KesClientString* id, int64_t expectedSize, int verifySize,
                                   KesClientStringList urls, KesClientStringList thumbprints,
                                   KesClientStringList proxies, const KesClientString* pacUrl,
-                                  const KesClientString* localFolder,
+                                  const KesClientString*,
                                   const KesClientString* checksum, int reserved, int payloadType) {
     ContentClientState& s = ContentClient();
     s.calls.push_back("createDownload");
@@ -38,7 +38,6 @@ KesClientDownload* CreateDownload(const KesClientString* id, int64_t expectedSiz
     s.thumbprints = List(thumbprints);
     s.proxies = List(proxies);
     s.pacUrl = Text(pacUrl);
-    s.localFolder = Text(localFolder);
     s.checksum = Text(checksum);
     s.reserved = reserved;
     s.payloadType = payloadType;
@@ -77,7 +76,7 @@ const ContentClient* LoadContentClient(std::wstring& error) {
                                       &fake::ReleaseDownload, &fake::SetLogCallback,
                                       &fake::UsePemFile, &fake::UseSystemStore};
     if (!fake::ContentClient().available) {
-        error = fake::ContentClient().loadError;
+        error = L"cannot load C:\\Program Files\\Quorvane\\kesclient.dll (error 126)";
         return nullptr;
     }
     error.clear();

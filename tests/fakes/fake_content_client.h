@@ -8,11 +8,10 @@ namespace fake {
 
 struct ContentClientState {
     bool available = true;            // false: LoadContentClient fails
-    std::wstring loadError = L"cannot load C:\\Program Files\\Quorvane\\kesclient.dll (error 126)";
     int runResult = 0;                // what ordinal 1 returns
     std::vector<std::string> calls;   // "setLogCallback", "usePemFile <path>", ...
     // The arguments of the last createDownload.
-    std::string id, pacUrl, localFolder, checksum;
+    std::string id, pacUrl, checksum;
     long long expectedSize = 0;
     int verifySize = 0, reserved = -1, payloadType = -1;
     std::vector<std::string> urls, thumbprints, proxies;

@@ -1,34 +1,15 @@
-#include <cwctype>
-
 #include "fake_platform.h"
 #include "platform/file_search.h"
 
 namespace platform {
 namespace {
 
-wchar_t Fold(wchar_t c) {
-    return static_cast<wchar_t>(std::towlower(static_cast<std::wint_t>(c)));
-}
-
-// '*' any run, '?' any one character, everything else without regard to case, as Windows does.
-bool WildcardMatch(std::wstring_view mask, std::wstring_view name) {
-    std::size_t m = 0, n = 0, starAt = std::wstring_view::npos, resumeAt = 0;
-    while (n < name.size()) {
-        if (m < mask.size() && mask[m] == L'*') {
-            starAt = m++;
-            resumeAt = n;
-        } else if (m < mask.size() && (mask[m] == L'?' || Fold(mask[m]) == Fold(name[n]))) {
-            ++m;
-            ++n;
-        } else if (starAt != std::wstring_view::npos) {
-            m = starAt + 1;
-            n = ++resumeAt;
-        } else {
-            return false;
-        }
-    }
-    while (m < mask.size() && mask[m] == L'*') ++m;
-    return m == mask.size();
+// The tool only asks for "<prefix>*": the prefix is compared without regard to case, as Windows
+// does, and anything else in the mask must match exactly.
+bool MaskMatch(const std::wstring& mask, const std::wstring& name) {
+    if (mask.empty() || mask.back() != L'*') return EqualsIgnoreCase(mask, name);
+    const std::wstring prefix = mask.substr(0, mask.size() - 1);
+    return name.size() >= prefix.size() && EqualsIgnoreCase(name.substr(0, prefix.size()), prefix);
 }
 
 }  // namespace
@@ -47,7 +28,7 @@ std::uint32_t FindFiles(const std::wstring& pattern, std::vector<std::wstring>& 
             continue;
         folderExists = true;
         const std::wstring name = path.substr(slash + 1);
-        if (WildcardMatch(mask, name)) names.push_back(name);
+        if (MaskMatch(mask, name)) names.push_back(name);
     }
     if (names.empty()) s.lastError = folderExists ? status::kFileNotFound : status::kPathNotFound;
     return names.empty() ? s.lastError : status::kSuccess;

@@ -14,6 +14,15 @@ std::wstring ParentOf(const std::wstring& path) {
 bool FolderExists(const std::wstring& folder) {
     return (folder.size() == 2 && folder[1] == L':') || fake::State().folders.count(folder) > 0;
 }
+
+// Sets the error and says so when the path is locked or its folder is missing.
+bool Refused(const std::wstring& path, bool needFolder) {
+    auto& s = fake::State();
+    if (s.locked.count(path)) s.lastError = kSharingViolation;
+    else if (needFolder && !FolderExists(ParentOf(path))) s.lastError = status::kPathNotFound;
+    else return false;
+    return true;
+}
 }  // namespace
 
 std::uint32_t GetTempFolder(std::wstring& out) {
@@ -97,10 +106,7 @@ bool MovePath(const std::wstring& from, const std::wstring& to) {
 
 bool DeleteFilePath(const std::wstring& path) {
     auto& s = fake::State();
-    if (s.locked.count(path)) {
-        s.lastError = kSharingViolation;
-        return false;
-    }
+    if (Refused(path, false)) return false;
     if (!s.files.erase(path)) {
         s.lastError = status::kFileNotFound;
         return false;
@@ -109,16 +115,8 @@ bool DeleteFilePath(const std::wstring& path) {
 }
 
 bool WriteWholeFile(const std::wstring& path, const std::vector<std::uint8_t>& bytes) {
-    auto& s = fake::State();
-    if (s.locked.count(path)) {
-        s.lastError = kSharingViolation;
-        return false;
-    }
-    if (!FolderExists(ParentOf(path))) {
-        s.lastError = status::kPathNotFound;
-        return false;
-    }
-    s.files[path] = bytes;
+    if (Refused(path, true)) return false;
+    fake::State().files[path] = bytes;
     return true;
 }
 
@@ -132,25 +130,12 @@ std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::wstring& path)
     return it->second;
 }
 
-}  // namespace platform
-
-namespace platform {
-
 bool MapFileCreatingIfMissing(const std::wstring& path,
                               void (*use)(const std::uint8_t* data, std::size_t size, void* context),
                               void* context) {
     auto& s = fake::State();
-    if (s.locked.count(path)) {
-        s.lastError = 32;
-        return false;
-    }
-    if (!s.files.count(path)) {
-        if (!FolderExists(ParentOf(path))) {
-            s.lastError = status::kPathNotFound;
-            return false;
-        }
-        s.files[path] = {};
-    }
+    if (Refused(path, !s.files.count(path))) return false;
+    if (!s.files.count(path)) s.files[path] = {};
     const std::vector<std::uint8_t>& bytes = s.files[path];
     if (bytes.empty()) {
         s.lastError = 1006;  // ERROR_FILE_INVALID: an empty file cannot be mapped
@@ -162,14 +147,7 @@ bool MapFileCreatingIfMissing(const std::wstring& path,
 
 bool WriteFileFromStart(const std::wstring& path, const std::vector<std::uint8_t>& bytes) {
     auto& s = fake::State();
-    if (s.locked.count(path)) {
-        s.lastError = 32;
-        return false;
-    }
-    if (!s.files.count(path) && !FolderExists(ParentOf(path))) {
-        s.lastError = status::kPathNotFound;
-        return false;
-    }
+    if (Refused(path, !s.files.count(path))) return false;
     std::vector<std::uint8_t>& file = s.files[path];
     if (file.size() < bytes.size()) file.resize(bytes.size());
     std::copy(bytes.begin(), bytes.end(), file.begin());

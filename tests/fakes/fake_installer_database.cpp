@@ -4,9 +4,7 @@
 namespace platform {
 namespace {
 constexpr std::uint32_t kNoMoreItems = 259;
-constexpr std::uint32_t kMoreData = 234;
 constexpr std::uint32_t kUnknownProduct = 1605;
-constexpr std::size_t kBufferCharacters = 256;
 }  // namespace
 
 std::uint32_t FirstRelatedProduct(const std::wstring& upgradeCode, std::wstring& productCode) {
@@ -23,7 +21,6 @@ std::uint32_t ProductVersionString(const std::wstring& productCode, std::wstring
     for (const auto& [upgradeCode, product] : fake::State().installedProducts) {
         if (!platform::EqualsIgnoreCase(product.productCode, productCode)) continue;
         if (product.infoStatus) return product.infoStatus;
-        if (product.versionString.size() >= kBufferCharacters) return kMoreData;
         version = product.versionString;
         return status::kSuccess;
     }

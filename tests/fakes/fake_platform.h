@@ -29,18 +29,16 @@ struct RegistryKey {
 };
 
 struct PlatformState {
-    // Registry: one tree per hive. The 32-bit view of HKLM\Software lives under
-    // Software\WOW6432Node, as on 64-bit Windows.
+    // Registry: one tree per hive; the 32-bit view of HKLM\Software is Software\WOW6432Node.
     std::map<platform::Hive, RegistryKey> hives;
     std::set<std::wstring, core::NoCaseLess> deniedKeys;  // "HKLM\\key": every access fails with 5
 
-    // File system: files with their bytes, folders, and paths whose writes fail (locked).
+    // File system.
     std::map<std::wstring, std::vector<std::uint8_t>, core::NoCaseLess> files;
     std::set<std::wstring, core::NoCaseLess> folders;
     std::set<std::wstring, core::NoCaseLess> locked;           // writes and deletes fail with 32
     std::set<std::wstring, core::NoCaseLess> uncreatableFolders;  // CreateFolder fails with 5
-    // Folders created private, and what SecureExistingFolder finds on others (default: a plain
-    // folder owned by SYSTEM). inspectError non-zero: the folder cannot be opened or read.
+    // What SecureExistingFolder finds (default: a plain folder owned by SYSTEM).
     struct FolderSecurity {
         bool isLink = false;
         platform::ObjectOwner owner{platform::OwnerKind::kSystem, L"NT AUTHORITY\\SYSTEM"};
@@ -76,10 +74,7 @@ struct PlatformState {
     int restartRequests = 0;
     platform::RestartOutcome restartOutcome = platform::RestartOutcome::kInitiated;
 
-    // ---- Agents: installer processes, the installer database, the machine, file search ----
-    // Processes: each run takes the next scripted entry (an empty script means "exited with 0")
-    // and records its command line. FindFiles lists the files map above by folder and wildcard,
-    // in the map's (case-insensitive name) order.
+    // Processes: each run takes the next scripted entry (none: "exited with 0").
     struct ScriptedProcess {
         std::uint32_t exitCode = 0;
         std::uint32_t createError = 0;    // non-zero: CreateProcessW fails with it
@@ -99,10 +94,8 @@ struct PlatformState {
     std::map<std::wstring, InstalledProduct, core::NoCaseLess> installedProducts;
     std::uint16_t nativeArchitecture = 9;  // x64
 
-    // ---- Preflight: the Windows Update probe, the current directory, disk space ----
-    // Each update-installer query takes the next scripted answer (an empty script means "created,
-    // not busy"). A query made outside an initialised apartment fails as COM would
-    // (CO_E_NOTINITIALIZED), so a missing ComInitializeMultithreaded shows up in tests.
+    // Windows Update: each query takes the next scripted answer (none: "not busy"); outside an
+    // initialised apartment it fails as COM would, so a missing initialisation shows.
     std::deque<platform::UpdateInstallerBusy> updateInstallerScript;
     int updateInstallerQueries = 0;
     platform::ComResult comInitializeResult = 0;  // S_OK; 1 is S_FALSE, negative a failure

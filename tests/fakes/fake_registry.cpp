@@ -38,26 +38,10 @@ bool Denied(Hive hive, const std::vector<std::wstring>& parts) {
     return State().deniedKeys.count(path) > 0;
 }
 
-RegistryKey* Find(Hive hive, const std::wstring& key, bool view32) {
-    RegistryKey* node = &State().hives[hive];
-    for (const auto& part : Components(hive, key, view32)) {
-        RegistryKey* next = nullptr;
-        for (auto& child : node->subkeys)
-            if (SameName(child->name, part)) next = child.get();
-        if (!next) return nullptr;
-        node = next;
-    }
-    return node;
-}
-
-std::uint32_t Open(Hive hive, const std::wstring& key, bool view32, RegistryKey*& out) {
-    if (Denied(hive, Components(hive, key, view32))) return status::kAccessDenied;
-    out = Find(hive, key, view32);
-    return out ? status::kSuccess : status::kFileNotFound;
-}
-
-std::uint32_t Create(Hive hive, const std::wstring& key, bool view32, bool isVolatile,
-                     RegistryKey*& out) {
+// Walks to the key, creating what is missing when asked to, as RegCreateKeyEx does: a new key
+// below a volatile one must be volatile too.
+std::uint32_t Walk(Hive hive, const std::wstring& key, bool view32, bool create, bool isVolatile,
+                   RegistryKey*& out) {
     const auto parts = Components(hive, key, view32);
     if (Denied(hive, parts)) return status::kAccessDenied;
     RegistryKey* node = &State().hives[hive];
@@ -65,6 +49,7 @@ std::uint32_t Create(Hive hive, const std::wstring& key, bool view32, bool isVol
         RegistryKey* next = nullptr;
         for (auto& child : node->subkeys)
             if (SameName(child->name, part)) next = child.get();
+        if (!next && !create) return status::kFileNotFound;
         if (!next) {
             constexpr std::uint32_t kChildMustBeVolatile = 1021;
             if (node->isVolatile && !isVolatile) return kChildMustBeVolatile;
@@ -79,6 +64,10 @@ std::uint32_t Create(Hive hive, const std::wstring& key, bool view32, bool isVol
     return status::kSuccess;
 }
 
+std::uint32_t Open(Hive hive, const std::wstring& key, bool view32, RegistryKey*& out) {
+    return Walk(hive, key, view32, false, false, out);
+}
+
 platform::RegistryValue* FindValue(RegistryKey& key, const std::wstring& name) {
     for (auto& [valueName, value] : key.values)
         if (SameName(valueName, name)) return &value;
@@ -89,12 +78,7 @@ platform::RegistryValue* FindValue(RegistryKey& key, const std::wstring& name) {
 
 void SetRegistryValue(const std::wstring& path, const platform::RegistryValue& value) {
     const RegistryPath parts = SplitRegistryPath(path);
-    RegistryKey* key = nullptr;
-    if (!parts.hive || Create(*parts.hive, parts.key, false, false, key) != status::kSuccess) return;
-    if (auto* existing = FindValue(*key, parts.value))
-        *existing = value;
-    else
-        key->values.emplace_back(parts.value, value);
+    if (parts.hive) platform::RegistrySetValue(*parts.hive, parts.key, parts.value, value, false, false);
 }
 
 void SetRegistryString(const std::wstring& path, const std::wstring& text) {
@@ -110,23 +94,21 @@ void SetRegistryDword(const std::wstring& path, std::uint32_t value) {
 
 void CreateRegistryKey(const std::wstring& keyPath) {
     const RegistryPath parts = SplitRegistryPath(keyPath + L"\\x");
-    RegistryKey* key = nullptr;
-    if (parts.hive) Create(*parts.hive, parts.key, false, false, key);
+    if (parts.hive) platform::RegistryCreateKey(*parts.hive, parts.key, false);
 }
 
 std::optional<platform::RegistryValue> GetRegistryValue(const std::wstring& path) {
     const RegistryPath parts = SplitRegistryPath(path);
-    if (!parts.hive) return std::nullopt;
-    RegistryKey* key = Find(*parts.hive, parts.key, false);
-    if (!key) return std::nullopt;
-    if (auto* value = FindValue(*key, parts.value)) return *value;
-    return std::nullopt;
+    platform::RegistryValue value;
+    if (!parts.hive || platform::RegistryQueryValue(*parts.hive, parts.key, parts.value, false, value))
+        return std::nullopt;
+    return value;
 }
 
 bool IsVolatileKey(const std::wstring& keyPath) {
     const RegistryPath parts = SplitRegistryPath(keyPath + L"\\x");
-    RegistryKey* key = parts.hive ? Find(*parts.hive, parts.key, false) : nullptr;
-    return key && key->isVolatile;
+    RegistryKey* key = nullptr;
+    return parts.hive && !Open(*parts.hive, parts.key, false, key) && key->isVolatile;
 }
 
 }  // namespace fake
@@ -146,7 +128,7 @@ std::uint32_t RegistryQueryValue(Hive hive, const std::wstring& key, const std::
 std::uint32_t RegistrySetValue(Hive hive, const std::wstring& key, const std::wstring& name,
                                const RegistryValue& value, bool view32, bool volatileKey) {
     fake::RegistryKey* node = nullptr;
-    if (auto s = fake::Create(hive, key, view32, volatileKey, node)) return s;
+    if (auto s = fake::Walk(hive, key, view32, true, volatileKey, node)) return s;
     if (auto* existing = fake::FindValue(*node, name))
         *existing = value;
     else
@@ -156,7 +138,7 @@ std::uint32_t RegistrySetValue(Hive hive, const std::wstring& key, const std::ws
 
 std::uint32_t RegistryCreateKey(Hive hive, const std::wstring& key, bool view32) {
     fake::RegistryKey* node = nullptr;
-    return fake::Create(hive, key, view32, false, node);
+    return fake::Walk(hive, key, view32, true, false, node);
 }
 
 std::uint32_t RegistryDeleteValue(Hive hive, const std::wstring& key, const std::wstring& name,

@@ -12,11 +12,10 @@ void SetLastError(std::uint32_t error) { fake::State().lastError = error; }
 
 std::wstring SystemMessage(std::uint32_t error) {
     switch (error) {
-        case 0: return L"The operation completed successfully.";
         case 2: return L"The system cannot find the file specified.";
+        case 3: return L"The system cannot find the path specified.";
         case 5: return L"Access is denied.";
         case 32: return L"The process cannot access the file because it is being used by another process.";
-        case 3: return L"The system cannot find the path specified.";
         case 1603: return L"Fatal error during installation.";
         case 1619: return L"This installation package could not be opened.";
         case 1638: return L"Another version of this product is already installed.";
