@@ -37,8 +37,12 @@ def packages(wine):
 
 
 @pytest.fixture(scope="session")
-def certs(tmp_path_factory):
-    return Certificates(tmp_path_factory.mktemp("certs"))
+def certs(prefix, tmp_path_factory):
+    """Test certificates; their CA in the machine's Root store for the session."""
+    made = Certificates(tmp_path_factory.mktemp("certs"))
+    assert prefix.run(DRIVER, "--add-root", prefix.windows_path(made.ca.pem)).code == 0
+    yield made
+    prefix.run(DRIVER, "--remove-root", prefix.windows_path(made.ca.pem))
 
 
 @pytest.fixture

@@ -271,7 +271,9 @@ def metadata(*pins):
 
 
 class Downloads:
-    """What a row builds its case from: the prefix, certificates, servers (stopped after the test)."""
+    """What a row builds its case from: the prefix, certificates, servers (stopped after the test).
+    The test CA is in the machine's Root store throughout (conftest), so a mode that fell back to
+    the system store would let an untrusted server through."""
 
     def __init__(self, wine, certs, servers):
         self.wine, self.certs, self.servers, self.server, self.path = wine, certs, servers, None, "/setup.exe"
@@ -298,23 +300,30 @@ class Downloads:
         return f"https://localhost:{unused_port()}/setup.exe"
 
     def fetch(self, via, urls=None, body=BODY, trust="pin", pins=None, checksum=None, size=None, payload="exe",
-              proxies=(), pac=None, env=None, key=None, root=None):
+              proxies=(), pac=None, env=None, key=None):
         """One download; checksum and size default to the body's, pins to the server's own."""
         urls = urls or [self.serve()]
-        pins = pins or [self.certs.localhost.sha256()]
-        checksum = hashlib.sha256(body).hexdigest() if checksum is None else checksum
-        size = len(body) if size is None else size
-        in_root = trust == "system" if root is None else root  # the test CA in the machine's Root store
-        if in_root:
-            assert self.wine.run(DRIVER, "--add-root", self.wine.windows_path(self.certs.ca.pem)).code == 0
-        try:
-            if via == "tool":
-                return self._tool(urls, trust, pins, checksum, size, proxies, pac, env, key or {})
-            return self.wine.run(DRIVER, *self.driver_args(urls, body, trust, pins, checksum, size, payload, proxies,
-                                                           pac), env=env, timeout=180)
-        finally:
-            if in_root:
-                assert self.wine.run(DRIVER, "--remove-root", self.wine.windows_path(self.certs.ca.pem)).code == 0
+        if via == "driver":
+            return self.wine.run(DRIVER, *self.driver_args(urls, body, trust, pins, checksum, size, payload, proxies, pac),
+                                 env=env, timeout=180)
+        values = {"STATE": "DOWNLOAD", "RESULT": "", "RETRY": "0", "AGENT": "OTHER", "ARCH": "64-BitAgent",
+                  "URL": list(urls), "CHECKSUM": hashlib.sha256(body).hexdigest() if checksum is None else checksum,
+                  "FILESIZE": str(len(body) if size is None else size or ""),
+                  "CERTTYPE": {"pin": "THUMBPRINT", "system": "CERT_SYSTEM_CA"}.get(trust, "CERT_PEM")}
+        if trust == "pin":
+            values["METADATA"] = metadata(*(pins or [self.certs.localhost.sha256()]))
+        elif trust != "system":
+            bundle = self.wine.unix_path(AGENT_INSTALL_PATH + r"\cert\cacert.pem")
+            bundle.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copyfile(trust, bundle)
+        values.update({"PROXY": list(proxies)} if proxies else {}, **({"PACURL": pac} if pac else {}), **(key or {}))
+        self.wine.arrange(settings(max_retry=1), {CURRENT_ROOT: {"AgentInstallPath": AGENT_INSTALL_PATH},
+                                                  update_key(KEY_ID): values})
+        run = self.wine.tool(env=env)
+        run.stored = stored = self.wine.values(update_key(KEY_ID))
+        run.code = SUCCESS if (stored["STATE"], stored["RESULT"]) == ("WAIT", "OK") else \
+            NAMES.index(stored["ERRORCODE"].removeprefix("KESCLIENT_")) if stored["ERRORCODE"] else None
+        return run
 
     def driver_args(self, urls, body=BODY, trust="pin", pins=None, checksum=None, size=None, payload="exe",
                     proxies=(), pac=None):
@@ -327,26 +336,6 @@ class Downloads:
                              ("--checksum", [checksum] if checksum else []), ("--size", [str(size)] if size else [])):
             args += [arg for value in values for arg in (flag, value)]
         return args
-
-    def _tool(self, urls, trust, pins, checksum, size, proxies, pac, env, key):
-        values = {"STATE": "DOWNLOAD", "RESULT": "", "RETRY": "0", "AGENT": "OTHER", "ARCH": "64-BitAgent",
-                  "URL": list(urls), "CHECKSUM": checksum, "FILESIZE": str(size) if size else "",
-                  "CERTTYPE": {"pin": "THUMBPRINT", "system": "CERT_SYSTEM_CA"}.get(trust, "CERT_PEM")}
-        if trust == "pin":
-            values["METADATA"] = metadata(*pins)
-        elif trust != "system":
-            bundle = self.wine.unix_path(AGENT_INSTALL_PATH + r"\cert\cacert.pem")
-            bundle.parent.mkdir(parents=True, exist_ok=True)
-            shutil.copyfile(trust, bundle)
-        values.update({"PROXY": list(proxies)} if proxies else {}, **({"PACURL": pac} if pac else {}), **key)
-        self.wine.arrange(settings(max_retry=1), {CURRENT_ROOT: {"AgentInstallPath": AGENT_INSTALL_PATH},
-                                       update_key(KEY_ID): values})
-        run = self.wine.tool(env=env)
-        stored = self.wine.values(update_key(KEY_ID))
-        run.stored = stored
-        run.code = SUCCESS if (stored["STATE"], stored["RESULT"]) == ("WAIT", "OK") else \
-            NAMES.index(stored["ERRORCODE"].removeprefix("KESCLIENT_")) if stored["ERRORCODE"] else None
-        return run
 
     def destination(self, via):
         return self.wine.workspace if via == "tool" else self.wine.unix_path(FOLDER)

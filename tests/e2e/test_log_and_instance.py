@@ -47,7 +47,7 @@ def log_names(seconds):
 def test_locked_log_file_does_not_stop_the_run(wine, released):
     folder = wine.unix_path(LOGS + r"\updatetool")
     folder.mkdir(parents=True)
-    names = log_names(8)  # whichever second the run starts in, its file is held
+    names = log_names(30)  # whichever second the run starts in, its file is held
     wine.arrange(settings(max_retry=1, retry_wait_ms=4000), FAILING)  # the retry wait: a pause to unlock in
     # tests/tools/file_locker.cpp: holds files open without sharing until its input closes.
     holder = wine.start(BIN / "file_locker.exe", *[LOGS + "\\updatetool\\" + n for n in names],
