@@ -32,9 +32,11 @@ def utf16(text, terminators=1):
     (dict(DOWNLOAD, CERTTYPE="THUMBPRINT"), {"METADATA": "<PROPERTYBAG>" + PIN * PINS + "</PROPERTYBAG>"}, -1,
      f"Util_DoDownload: Using thumbprints for verifying server certificate. Thumbprint count: {PINS}",
      ("DONE", "FAILURE")),
+    # Handed to the installer as given: Wine takes a command line of 1 MiB (Windows stops at 32,767 characters).
+    (INSTALL, {"OPTIONS": "9" * (MIB // 2 - 1)}, -4, "App::Update: agent update succeeded", ("DONE", "OK")),
     # Installed; the version goes to telemetry as U+FFFD rather than costing the run its entry.
     (INSTALL, {"VERSION": Raw(utf16("8.13" + LONE), 1)}, -4, "App::Update: agent update succeeded", ("DONE", "OK")),
-], ids=["STATE-dword", "URL-binary", "URL-unpaired-surrogate", "METADATA-1MiB", "VERSION-unpaired-surrogate"])
+], ids=["STATE-dword", "URL-binary", "URL-unpaired-surrogate", "METADATA-1MiB", "OPTIONS-1MiB", "VERSION-unpaired-surrogate"])
 def test_raw_value_ends_the_run_with_a_line_saying_what_it_made_of_it(wine, packages, base, value, code, line,
                                                                        stored):
     packages.test_installer(wine.workspace)
