@@ -160,8 +160,8 @@ class WinePrefix:
     def reset(self):
         """No product keys, logs or workspace left from an earlier test; an empty C:\\logs."""
         self.import_reg("\n\n".join(f"[-{root.rsplit(SEP, 1)[0]}]" for root in (CURRENT_ROOT, LEGACY_ROOT)))
-        for folder in (self.workspace, self.unix_path(LOGS), self.unix_path(AGENT_INSTALL_PATH)):
-            shutil.rmtree(folder, ignore_errors=True)
+        for path in (self.workspace, self.unix_path(LOGS), self.unix_path(AGENT_INSTALL_PATH)):
+            path.unlink() if path.is_file() or path.is_symlink() else shutil.rmtree(path, ignore_errors=True)
         self.unix_path(LOGS).mkdir()
 
     # -- registry ---------------------------------------------------------------------------------
@@ -356,7 +356,7 @@ class Downloads:
         run = self.fetch(case.via, **arguments)
         output = run.log if case.via == "tool" else run.out
         kept = case.kept if case.kept is not None else ["setup.exe"] if case.code == SUCCESS else []
-        assert (run.code, self.leftovers(case.via)) == (case.code, kept), output
+        assert (run.code, self.leftovers(case.via)) == (case.code, kept), f"{output}\nexit {run.code}"
         if case.code == SUCCESS and arguments.get("payload", "exe") == "exe":
             name = run.stored["FILENAME"] if case.via == "tool" else FOLDER + r"\setup.exe"
             assert self.wine.unix_path(name).read_bytes() == arguments.get("body", BODY), name

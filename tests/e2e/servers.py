@@ -223,41 +223,33 @@ class _Running:
 
 
 class HttpsServer(_Running):
+    """Serves its resources over TLS with the identity given, or over plain HTTP without one
+    (PAC scripts, which WinHTTP fetches so)."""
+
     def __init__(self, identity, stall_seconds=30.0):
         self.resources, self.requests, self.lock, self.stall_seconds = {}, [], threading.Lock(), stall_seconds
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(identity.pem, identity.key)
+        self.scheme = "https" if identity else "http"
         server = _ThreadingServer(("127.0.0.1", 0), _Handler)
-        # The handshake happens in the handler's thread, so a slow client cannot block accept().
-        server.socket = context.wrap_socket(server.socket, server_side=True, do_handshake_on_connect=False)
+        if identity:
+            context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+            context.load_cert_chain(identity.pem, identity.key)
+            # The handshake happens in the handler's thread, so a slow client cannot block accept().
+            server.socket = context.wrap_socket(server.socket, server_side=True, do_handshake_on_connect=False)
         self._start(server)
 
     def url(self, path):
-        return f"https://localhost:{self.port}{path}"
+        return f"{self.scheme}://localhost:{self.port}{path}"
 
     def add(self, path, resource):
         self.resources[path] = resource
         return self.url(path)
 
 
-class PacServer(_Running):
-    def __init__(self, script):
-        class Handler(_Handler):
-            def do_GET(self):
-                self.server.owner.requests.append(self.path)
-                data = script.encode()
-                self.send_response(200)
-                self.send_header("Content-Type", "application/x-ns-proxy-autoconfig")
-                self.send_header("Content-Length", str(len(data)))
-                self.end_headers()
-                self.wfile.write(data)
-
-        self.requests = []
-        self._start(_ThreadingServer(("127.0.0.1", 0), Handler))
-
-    @property
-    def url(self):
-        return f"http://localhost:{self.port}/proxy.pac"
+def pac_server(script):
+    """A plain HTTP server of one PAC script; its URL is pac_server(...).url("/proxy.pac")."""
+    server = HttpsServer(None)
+    server.add("/proxy.pac", Resource(script.encode()))
+    return server
 
 
 class ConnectProxy(_Running):

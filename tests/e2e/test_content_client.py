@@ -14,7 +14,7 @@ import pytest
 
 from harness import (BODY, DRIVER, CERTIFICATE_ERROR, DOWNLOAD_FAILED, INVALID_THUMBPRINT, INVALID_URI, PEM_FILE_FAILED,
                      SUCCESS, VERIFY_FAILED, WRONG_CHECKSUM, WRONG_SIZE, Case, wait_for)
-from servers import DROP, ConnectProxy, PacServer, Resource, chunked, drip, head
+from servers import DROP, ConnectProxy, Resource, chunked, drip, head, pac_server
 
 CUT = 300_000
 V1 = '"v1"'
@@ -76,8 +76,8 @@ def pac(script, listed):
     def setup(c):
         c.serve()
         proxy(c)
-        c.pac = c.servers(PacServer(script)) if script else None
-        return dict(pac=c.pac.url if script else c.down().replace("https", "http") + ".pac",
+        c.pac = c.servers(pac_server(script)) if script else None
+        return dict(pac=c.pac.url("/proxy.pac") if script else c.down().replace("https", "http") + ".pac",
                     proxies=[c.proxy.address] if listed else [], env=QUICK)
     return setup
 
@@ -100,8 +100,8 @@ def proxies_in_order(c):
 def pac_before_the_list(c):
     c.serve()
     c.listed = c.servers(ConnectProxy())
-    c.pac = c.servers(PacServer(f'function FindProxyForURL(url, host) {{ return "PROXY {proxy(c).address}"; }}'))
-    return dict(pac=c.pac.url, proxies=[c.listed.address])
+    c.pac = c.servers(pac_server(f'function FindProxyForURL(url, host) {{ return "PROXY {proxy(c).address}"; }}'))
+    return dict(pac=c.pac.url("/proxy.pac"), proxies=[c.listed.address])
 
 
 def through(c, run, server_requests, proxied):
