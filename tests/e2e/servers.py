@@ -28,6 +28,7 @@ class Certificates:
 
     def __init__(self, folder):
         self.folder = pathlib.Path(folder)
+        self.folder.mkdir(parents=True, exist_ok=True)
         self.ca = self._make("ca", "kesclient test CA", ca=True)
         self.other_ca = self._make("other-ca", "another CA", ca=True)
         self.self_signed = self._make("self-signed", "localhost")
