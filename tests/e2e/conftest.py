@@ -1,18 +1,20 @@
-"""Fixtures for end-to-end scenarios: one Wine prefix per session, a clean product registry and
-log folders for every test."""
+"""Fixtures: one Wine prefix for the session, a clean product registry, logs and workspace for a
+test that asks for `wine`, certificates, and servers stopped at the end of each test."""
 import os
-import pathlib
 import shutil
 
 import pytest
 
-from wine import BIN, CURRENT_ROOT, LEGACY_ROOT, ROOT, TOOL, WinePrefix
+from harness import BIN, DRIVER, FOLDER, ROOT, TOOL, Downloads, WinePrefix
+from packages import Packages
+from servers import Certificates
 
 
 @pytest.fixture(scope="session")
 def prefix():
-    if not TOOL.exists():
-        pytest.fail(f"{TOOL} is missing: build the windows preset first")
+    for program in (TOOL, DRIVER, BIN / "kesclient.dll"):
+        if not program.exists():
+            pytest.fail(f"{program} is missing: build the windows preset first")
     # A prefix of one's own when several test runs share the machine.
     wine = WinePrefix(os.environ.get("UPDATETOOL_E2E_PREFIX") or ROOT / "build" / "e2e" / "prefix")
     wine.create()
@@ -22,39 +24,44 @@ def prefix():
 
 @pytest.fixture
 def wine(prefix):
-    """The session's prefix with no product keys, no logs and no workspace left from other tests."""
-    def clean():
-        for key in (r"HKEY_LOCAL_MACHINE\Software\Quorvane", r"HKEY_LOCAL_MACHINE\Software\Tessix, Inc."):
-            prefix.delete_key(key)
-        shutil.rmtree(prefix.temp_folder() / "updatetool-data", ignore_errors=True)
-        shutil.rmtree(prefix.unix_path(r"C:\logs"), ignore_errors=True)
-    clean()
-    prefix.unix_path(r"C:\logs").mkdir()  # the logs root the tests name; the tool adds its subfolder
+    prefix.reset()
     yield prefix
-    clean()
+
+
+@pytest.fixture
+def packages(wine):
+    """Installers built for one test (packages.Packages); what was installed is removed after it."""
+    folder = Packages(wine)
+    yield folder
+    folder.remove()
+
+
+@pytest.fixture(scope="session")
+def certs(prefix, tmp_path_factory):
+    """Test certificates; their CA in the machine's Root store for the session."""
+    made = Certificates(tmp_path_factory.mktemp("certs"))
+    assert prefix.run(DRIVER, "--add-root", prefix.windows_path(made.ca.pem)).code == 0
+    yield made
+    prefix.run(DRIVER, "--remove-root", prefix.windows_path(made.ca.pem))
 
 
 @pytest.fixture
 def servers():
-    """Starts servers for one test and stops them at its end."""
+    """servers(server) starts nothing itself: it stops what it is given at the end of the test."""
     started = []
-
-    def start(server):
-        started.append(server)
-        return server
-
-    yield start
+    yield lambda server: started.append(server) or server
     for server in started:
         server.stop()
 
 
 @pytest.fixture
-def tool():
-    return TOOL
+def downloads(prefix, certs, servers):
+    """The content-client table's runner (harness.Downloads), with an empty destination."""
+    folder = prefix.unix_path(FOLDER).parent
+    shutil.rmtree(folder, ignore_errors=True)
+    yield Downloads(prefix, certs, servers)
+    shutil.rmtree(folder, ignore_errors=True)
 
 
 def pytest_report_header(config):
-    return [f"tool: {TOOL}", f"bin: {BIN}"]
-
-
-__all__ = ["CURRENT_ROOT", "LEGACY_ROOT", "pathlib"]
+    return [f"bin: {BIN}"]

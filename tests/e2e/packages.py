@@ -1,8 +1,10 @@
-"""Installers for end-to-end runs: MSI packages that wixl builds at test time, and the project's
-test installer, which records its command line and exits with the code it is asked for.
+"""Installers for end-to-end runs and the demo: x64 MSI packages that wixl builds at run time (one
+file each; a later version of the same upgrade code replaces an earlier one, as agent releases
+do), and the project's test installer, which records its command line and exits with the code it
+is asked for (TEST_INSTALLER_RECORD, TEST_INSTALLER_EXIT_CODE).
 
-Packages are built into a folder inside the prefix's drive C, so that Windows programs reach them by
-a C: path; every package built is uninstalled again when the folder is removed.
+Packages are built into a folder inside the prefix's drive C, so that Windows programs reach them
+by a C: path.
 """
 import pathlib
 import shutil
@@ -10,26 +12,24 @@ import subprocess
 import tempfile
 import uuid
 
-from wine import BIN
+from harness import BIN
 
 TEST_INSTALLER = BIN / "test_installer.exe"
-
-# The main desktop agent's first upgrade code: the tool looks its installed version up by it.
-MAIN_AGENT_UPGRADE_CODE = "{7C41E2A9-3B58-4F0D-9E62-1A8D5C37B04E}"
-# Any other product.
-OTHER_UPGRADE_CODE = "{5D2E8B41-9C07-4F3A-A6E1-0B7C3D9F2E58}"
+MAIN_AGENT_UPGRADE_CODE = "{7C41E2A9-3B58-4F0D-9E62-1A8D5C37B04E}"  # the tool finds the main agent by it
+UNINSTALL_KEY = r"HKEY_LOCAL_MACHINE\Software\Microsoft\Windows\CurrentVersion\Uninstall"
 
 _WXS = """<?xml version="1.0" encoding="utf-8"?>
 <Wix xmlns="http://schemas.microsoft.com/wix/2006/wi">
   <Product Id="*" Name="{name}" Language="1033" Version="{version}" Manufacturer="Quorvane Tests"
            UpgradeCode="{upgrade_code}">
     <Package InstallerVersion="200" Compressed="yes" InstallScope="perMachine"/>
+    <MajorUpgrade DowngradeErrorMessage="A newer version is installed."/>
     <Media Id="1" Cabinet="product.cab" EmbedCab="yes"/>
     <Directory Id="TARGETDIR" Name="SourceDir">
       <Directory Id="ProgramFiles64Folder">
         <Directory Id="INSTALLDIR" Name="{name}">
           <Component Id="Payload" Guid="{component}" Win64="yes">
-            <File Id="Payload" Name="payload.txt" Source="{payload}" KeyPath="yes"/>
+            <File Id="Payload" Name="{file}" Source="{file}" KeyPath="yes"/>
           </Component>
         </Directory>
       </Directory>
@@ -39,76 +39,67 @@ _WXS = """<?xml version="1.0" encoding="utf-8"?>
 </Wix>
 """
 
-UNINSTALL_KEY = r"HKEY_LOCAL_MACHINE\Software\Microsoft\Windows\CurrentVersion\Uninstall"
-
 
 class Packages:
-    """A folder of installers inside a Wine prefix."""
+    """A folder of installers inside a Wine prefix; what it built is uninstalled by remove()."""
 
     def __init__(self, wine):
         self.wine = wine
-        self.drive_c = wine.path / "drive_c"
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="e2e-packages-", dir=self.drive_c))
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="e2e-packages-", dir=wine.path / "drive_c"))
         self._built = []
 
-    def windows_path(self, path):
-        return "C:\\" + str(pathlib.Path(path).relative_to(self.drive_c)).replace("/", "\\")
-
-    def msi(self, name, version, upgrade_code):
-        """Builds an x64 MSI of one small file; the same name keeps its component across versions."""
-        stem = f"{name.replace(' ', '-')}-{version}"
-        source = self.folder / stem
+    def msi(self, name, version, upgrade_code, payload=None, file="agent.txt"):
+        """An MSI installing one file into Program Files\\<name>: payload (bytes), or else the name
+        and version. The same name keeps its component across versions."""
+        source = self.folder / f"{name.replace(' ', '-')}-{version}"
         source.mkdir()
-        (source / "payload.txt").write_text(f"{name} {version}\n")
+        (source / file).write_bytes(payload if payload is not None else f"{name} {version}\n".encode())
         component = "{" + str(uuid.uuid5(uuid.NAMESPACE_URL, "e2e:" + name)).upper() + "}"
-        (source / "product.wxs").write_text(_WXS.format(
-            name=name, version=version, upgrade_code=upgrade_code, component=component,
-            payload="payload.txt"))
-        package = self.folder / f"{stem}.msi"
-        subprocess.run(["wixl", "-a", "x64", "-o", str(package), str(source / "product.wxs")],
-                       check=True, capture_output=True, timeout=120)
+        (source / "product.wxs").write_text(_WXS.format(name=name, version=version, upgrade_code=upgrade_code,
+                                                        component=component, file=file))
+        package = self.folder / f"{source.name}.msi"
+        subprocess.run(["wixl", "-a", "x64", "-o", str(package), "product.wxs"], check=True, capture_output=True,
+                       cwd=source, timeout=120)
         self._built.append(package)
         return package
 
-    def install(self, package):
-        code, out, err = self.wine.run("msiexec", "/i", self.windows_path(package), "/qn",
-                                       timeout=300)
-        assert code == 0, (code, out, err)
+    def msiexec(self, action, package):
+        """msiexec /i or /x, silent; its exit code."""
+        return self.wine.run("msiexec", action, self.wine.windows_path(package), "/qn", timeout=300).code
 
-    def installed_version(self, name):
-        """DisplayVersion of the product registered for uninstall under that name, or None."""
-        result = subprocess.run(["wine", "reg", "query", UNINSTALL_KEY, "/s"], env=self.wine.env,
-                                stdin=subprocess.DEVNULL, capture_output=True, timeout=120)
+    def installed_versions(self, name):
+        """DisplayVersion of every product registered for uninstall under that name."""
+        versions = []
+        for _ in range(3):  # `reg` has failed or printed nothing here under load
+            result = subprocess.run(["wine", "reg", "query", UNINSTALL_KEY, "/s"], env=self.wine.env,
+                                    stdin=subprocess.DEVNULL, capture_output=True, timeout=120)
+            if result.returncode == 0 and result.stdout.strip():
+                break
         entry = {}
         for line in result.stdout.decode("utf-8", "replace").splitlines() + [""]:
             if not line.startswith(" "):  # a key line (or the end) closes the previous entry
                 if entry.get("DisplayName") == name:
-                    return entry.get("DisplayVersion")
+                    versions.append(entry.get("DisplayVersion"))
                 entry = {}
-                continue
-            parts = line.strip().split(None, 2)
-            if len(parts) == 3:
+            elif len(parts := line.strip().split(None, 2)) == 3:
                 entry[parts[0]] = parts[2]
-        return None
+        return versions
 
-    def record(self):
-        """A file the test installer appends its command lines to: (Unix path, Windows path)."""
-        path = self.folder / "installer-record.txt"
-        return path, self.windows_path(path)
+    def test_installer(self, folder, name="setup.exe", exit_code=0):
+        """The test installer copied to folder/name, and the environment that makes it record its
+        command lines and exit with exit_code; recorded() reads them back."""
+        target = pathlib.Path(folder) / name
+        target.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copyfile(TEST_INSTALLER, target)
+        record = self.folder / "installer-record.txt"
+        return target, {"TEST_INSTALLER_RECORD": self.wine.windows_path(record),
+                        "TEST_INSTALLER_EXIT_CODE": str(exit_code)}
+
+    def recorded(self):
+        record = self.folder / "installer-record.txt"
+        return [line.lower() for line in record.read_text(encoding="utf-8").splitlines()] if record.exists() else []
 
     def remove(self):
         for package in self._built:
-            # Not installed is fine (1605): only what a test installed has to go.
-            self.wine.run("msiexec", "/x", self.windows_path(package), "/qn", timeout=300)
+            self.msiexec("/x", package)  # not installed (1605) is fine
         shutil.rmtree(self.folder, ignore_errors=True)
-
-
-def copy_test_installer(folder, name):
-    target = pathlib.Path(folder) / name
-    target.parent.mkdir(parents=True, exist_ok=True)
-    shutil.copyfile(TEST_INSTALLER, target)
-    return target
-
-
-def recorded_lines(path):
-    return path.read_text(encoding="utf-8").splitlines() if path.exists() else []

@@ -1,13 +1,14 @@
 """The tool killed outright (SIGKILL, as a crash or a forced end does it) at a random moment of a
 download run or of an install run. Whatever the moment, the update key holds a state and result
 that the entry state or a finished run accounts for, a package the tool would launch is one that
-verified, and the runs the service starts afterwards still take the update to DONE with the new
-agent installed.
+verified, and the runs the service starts afterwards still finish the step: the verified package
+waiting (WAIT/OK) after a download, DONE with the new agent installed after an install.
 
 CRASH_ITERATIONS kills per phase (default 5); CRASH_SEED replays the kill delays of a run (the seed
 is printed, with what each kill hit)."""
 import collections
 import contextlib
+import hashlib
 import os
 import random
 import shutil
@@ -15,10 +16,8 @@ import subprocess
 
 import pytest
 
-from lifecycle_helpers import (LOGS, AgentPackages, download_values, installed_versions,
-                               key_values, outcome, run_tool, service_sets_state, settings,
-                               telemetry, update_key, volatile_key, write)
-from servers import Certificates, HttpsServer, Resource
+from harness import LOGS, TOOL, metadata, settings, update_key, volatile_key
+from servers import HttpsServer, Resource
 
 ITERATIONS = int(os.environ.get("CRASH_ITERATIONS") or 5)
 SEED = int(os.environ.get("CRASH_SEED") or random.SystemRandom().randrange(1 << 32))
@@ -50,58 +49,59 @@ INSTALL_POINTS = [("state saved", "UtilManageUpdateState: Update key:"),
                   ("set-up", "")]
 
 
-@pytest.fixture(scope="module")
-def certs(tmp_path_factory):
-    return Certificates(tmp_path_factory.mktemp("crash-certs"))
+KEY = update_key("{2B7E4C90-6A13-4D5F-8E27-C1F0A9D3B845}")
 
 
 @pytest.fixture
-def agent(wine):
+def agent(wine, packages):
     """The installed agent (8.12.0) and the package of its successor (8.13.0)."""
-    packages = AgentPackages(wine)
     payload = os.urandom(PAYLOAD_BYTES)
-    old = packages.upgradable_msi(AGENT, "8.12.0", AGENT_UPGRADE_CODE)
-    new = packages.upgradable_msi(AGENT, "8.13.0", AGENT_UPGRADE_CODE, payload=payload)
-    yield packages, old, new, payload
-    packages.remove()
+    yield (packages, packages.msi(AGENT, "8.12.0", AGENT_UPGRADE_CODE),
+           packages.msi(AGENT, "8.13.0", AGENT_UPGRADE_CODE, payload=payload), payload)
+    if wine.values(volatile_key()) is not None:  # a restart a killed run asked for: later runs would wait for it
+        wine.restart()
 
 
 class Update:
-    """One update of the agent from its announcement to DONE, in a clean key, workspace and log
-    folder, with the old agent installed again."""
+    """One step of the agent's update in a clean key, workspace and log folder: a download of the
+    package served at `rate`, or an install of the package already downloaded, with the old agent
+    installed again."""
 
-    def __init__(self, wine, tool, certs, agent, server, rate, why):
-        self.wine, self.tool = wine, tool
+    def __init__(self, wine, certs, agent, server, phase, why):
+        self.wine, self.phase = wine, phase
         self.packages, old, self.new, self.payload = agent
         self.body = self.new.read_bytes()
-        self.workspace = wine.temp_folder() / "updatetool-data"
-        self.package = self.workspace / "agent-8.13.0.msi"
+        self.package = wine.workspace / "agent-8.13.0.msi"
         self.logs = wine.unix_path(LOGS + r"\updatetool")
-        wine.delete_key(update_key())
-        shutil.rmtree(self.workspace, ignore_errors=True)
+        wine.import_reg(f"[-{KEY}]")
+        shutil.rmtree(wine.workspace, ignore_errors=True)
         shutil.rmtree(self.logs, ignore_errors=True)
-        wine.run("msiexec", "/x", self.packages.windows_path(self.new), "/qn", timeout=300)
-        code = wine.run("msiexec", "/i", self.packages.windows_path(old), "/qn", timeout=300)[0]
-        assert code == 0, f"{why}: the old agent does not install ({code}), " \
-                          f"installed: {installed_versions(wine, AGENT)}"
-        self.resource = Resource(self.body, etag='"v8.13.0"', rate=rate)
-        url = server.add("/packages/agent-8.13.0.msi", self.resource)
-        write(wine, {**settings(), update_key(): download_values(certs, [url], self.body,
-                                                                 VERSION="8.13.0")})
+        values = {"STATE": "DOWNLOAD", "AGENT": "OTHER", "ARCH": "64-BitAgent", "VERSION": "8.13.0",
+                  "CERTTYPE": "THUMBPRINT", "METADATA": metadata(certs.localhost.sha256()),
+                  "FILESIZE": str(len(self.body)), "CHECKSUM": "sha256:" + hashlib.sha256(self.body).hexdigest()}
+        self.resource = Resource(self.body, etag='"v8.13.0"', rate=RATE if phase == "download" else None)
+        values["URL"] = [server.add("/packages/agent-8.13.0.msi", self.resource)]
+        if phase == "install":  # as the download run and the service's move leave it
+            self.packages.msiexec("/x", self.new)
+            code = self.packages.msiexec("/i", old)
+            assert code == 0, f"{why}: the old agent does not install ({code}): {self.packages.installed_versions(AGENT)}"
+            self.package.parent.mkdir()
+            self.package.write_bytes(self.body)
+            values.update(STATE="UPDATING", RESULT="OK", FILENAME=wine.windows_path(self.package))
+        wine.arrange(settings(max_retry=2, retry_wait_ms=1000), {KEY: values})
+
+    def outcome(self):
+        values = self.wine.values(KEY) or {}
+        return {name: values.get(name) for name in ("STATE", "RESULT", "RETRY")}
 
     def combination(self):
-        found = outcome(self.wine)
+        found = self.outcome()
         return found["STATE"], found["RESULT"]
-
-    def run(self):
-        return run_tool(self.wine, self.tool, timeout=300)
 
     def start(self):
         for log in self.logs.glob("*.log"):
             log.unlink()
-        return subprocess.Popen(["wine", str(self.tool)], env=self.wine.env,
-                                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                stderr=subprocess.DEVNULL)
+        return self.wine.start(TOOL)
 
     def kill(self, process, points=INSTALL_POINTS):
         """Kills a started run; the point it had reached, from its log."""
@@ -118,101 +118,86 @@ class Update:
         """A package in the workspace is the verified one, and one the key names is there."""
         if self.package.exists():
             assert self.package.read_bytes() == self.body, f"{why}: an unverified package in place"
-        state, result = self.combination()
-        if (state, result) in {("WAIT", "OK"), ("UPDATING", "OK")}:
-            assert self.package.exists(), f"{why}: {state}/{result} but the package is gone"
-            assert key_values(self.wine, update_key())["FILENAME"].lower().endswith(
-                r"\updatetool-data\agent-8.13.0.msi"), why
+        if self.combination() in {("WAIT", "OK"), ("UPDATING", "OK")}:
+            assert self.package.exists(), f"{why}: {self.combination()} but the package is gone"
+            assert self.wine.values(KEY)["FILENAME"].lower().endswith(r"\updatetool-data\agent-8.13.0.msi"), why
 
-    def drive_to_done(self, why):
-        """Plays the service until the update is DONE; the number of runs it took."""
+    def finish(self, why):
+        """Plays the service until the step is done (or nothing more is to come); the runs it took."""
         for runs in range(RUNS_TO_CONVERGE + 1):
             state, result = self.combination()
-            if state == "DONE" or result in ("FAILURE", "INVALID"):  # nothing more to come
+            if state == "DONE" or result in ("FAILURE", "INVALID") or (self.phase, state) == ("download", "WAIT"):
                 return runs
             assert runs < RUNS_TO_CONVERGE, f"{why}: still {state}/{result} after {runs} runs"
-            if key_values(self.wine, volatile_key()):
+            if self.wine.values(volatile_key()):
                 self.wine.restart()  # the restart a run asked for; until then a run would wait
-            if state == "WAIT":
-                service_sets_state(self.wine, "UPDATING")
-                state = "UPDATING"
-            elif state == "READY":
-                service_sets_state(self.wine, "DOWNLOAD")
-                state = "DOWNLOAD"
+            if state in ("WAIT", "READY"):
+                state = {"WAIT": "UPDATING", "READY": "DOWNLOAD"}[state]
+                self.wine.arrange({KEY: {"STATE": state}})
             before = (state, result)
-            run = self.run()
-            assert run.code != -3, f"{why}: the killed run still holds the single-instance mutex"
+            assert self.wine.run(TOOL, timeout=300).code != -3, f"{why}: the killed run still holds the mutex"
             after = self.combination()
-            assert after in WRITTEN_BY_A_RUN.get(state, set()) | {before}, \
-                f"{why}: a run from {before} wrote {after}"
+            assert after in WRITTEN_BY_A_RUN.get(state, set()) | {before}, f"{why}: a run from {before} wrote {after}"
             self.check_package(why)
 
     def check_done(self, why, runs):
-        assert outcome(self.wine) == {"STATE": "DONE", "RESULT": "OK", "RETRY": "0"}, why
+        left = [p.name for p in self.wine.workspace.iterdir()]
+        if self.phase == "download":
+            assert self.combination() == ("WAIT", "OK") and left == [self.package.name], f"{why}: left {left}"
+            return
+        assert self.outcome() == {"STATE": "DONE", "RESULT": "OK", "RETRY": "0"}, why
         installed = self.wine.unix_path(rf"C:\Program Files\{AGENT}\agent.txt")
-        assert installed.exists() and installed.read_bytes() == self.payload, \
-            f"{why}: the new agent's file is not installed"
-        assert installed_versions(self.wine, AGENT) == ["8.13.0"], why
-        left = [p.name for p in self.workspace.iterdir()]
+        assert installed.exists() and installed.read_bytes() == self.payload, f"{why}: the new agent is not installed"
+        assert self.packages.installed_versions(AGENT) == ["8.13.0"], why
         # A run killed between storing DONE and removing the package leaves it, verified, behind.
         assert left == [] or (not runs and left == [self.package.name]), f"{why}: left {left}"
-        entries = telemetry(self.wine)  # whole: a kill never leaves it cut short
         if runs:  # a run killed once it had saved the state has no record of its own
+            entries = self.wine.telemetry()  # whole: a kill never leaves it cut short
             assert (entries[-1]["status"], entries[-1]["result"]) == ("DONE", "OK"), why
 
 
 @pytest.mark.parametrize("phase", ["download", "install"])
-def test_killed_run_leaves_a_consistent_update_that_later_runs_complete(wine, tool, certs, agent,
-                                                                         capsys, phase):
+def test_killed_run_leaves_a_consistent_update_that_later_runs_complete(wine, certs, agent, capsys, phase):
     rng = random.Random(f"{SEED}:{phase}")
     points, runs_needed = collections.Counter(), collections.Counter()
     for iteration in range(ITERATIONS + 1):  # the first run is not killed: it measures the duration
         why = f"seed {SEED}, {phase} iteration {iteration} of {ITERATIONS}"
         with HttpsServer(certs.localhost) as server:
-            update = Update(wine, tool, certs, agent, server, RATE if phase == "download" else None,
-                            why)
-            if phase == "install":
-                assert update.run().code == -1, why
-                assert update.combination() == ("WAIT", "OK"), why
-                service_sets_state(wine, "UPDATING")
+            update = Update(wine, certs, agent, server, phase, why)
             entry = update.combination()
             if iteration == 0:
-                seconds = update.run().seconds
+                seconds = wine.run(TOOL, timeout=300).seconds
             else:
                 delay = rng.uniform(0.0, seconds)
                 process = update.start()
                 with contextlib.suppress(subprocess.TimeoutExpired):
                     process.wait(timeout=delay)
-                point = update.kill(process,
-                                    DOWNLOAD_POINTS if phase == "download" else INSTALL_POINTS)
+                point = update.kill(process, DOWNLOAD_POINTS if phase == "download" else INSTALL_POINTS)
                 points[point] += 1
                 why += f", killed after {delay:.3f} s of {seconds:.2f} s ({point})"
                 found = update.combination()
-                assert found in WRITTEN_BY_A_RUN[entry[0]] | {entry}, \
-                    f"{why}: from {entry} the key holds {found}"
+                assert found in WRITTEN_BY_A_RUN[entry[0]] | {entry}, f"{why}: from {entry} the key holds {found}"
                 update.check_package(why)
                 update.resource.rate = None  # the rest needs no more kill points
-            runs = update.drive_to_done(why)
+            runs = update.finish(why)
             update.check_done(why, runs)
             if iteration:
                 runs_needed[runs] += 1
     with capsys.disabled():
         print(f"\n[crash] {phase}: seed {SEED}, {ITERATIONS} kills over a {seconds:.2f} s run; "
-              f"kill points {dict(points)}; runs to DONE {dict(sorted(runs_needed.items()))}")
+              f"kill points {dict(points)}; runs to the step's end {dict(sorted(runs_needed.items()))}")
 
 
-def test_install_run_killed_as_it_removes_the_package_is_completed_later(wine, tool, certs, agent):
+def test_install_run_killed_as_it_removes_the_package_is_completed_later(wine, certs, agent):
     """The narrowest window of an install run, too narrow for a random kill to find often: the
     package is removed once the update has succeeded, and the run killed at that moment."""
     why = "killed as the package went"
     with HttpsServer(certs.localhost) as server:
-        update = Update(wine, tool, certs, agent, server, None, why)
-        update.run()
-        service_sets_state(wine, "UPDATING")
+        update = Update(wine, certs, agent, server, "install", why)
         process = update.start()
         while process.poll() is None and update.package.exists():
             pass
         assert update.kill(process) != "finished", why
         assert update.combination() in {("UPDATING", "OK"), ("DONE", "OK")}, why
         update.check_package(why)
-        update.check_done(why, update.drive_to_done(why))
+        update.check_done(why, update.finish(why))

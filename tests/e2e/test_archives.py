@@ -1,14 +1,15 @@
-"""Hostile tar and tar.gz packages: each is downloaded and verified like any other, then refused
-whole by the extraction. Nothing of it lands in the destination, and a file beside the destination,
-where escaping entries aim, keeps every byte.
+"""Hostile tar and tar.gz packages against the real file system: each is downloaded and verified
+like any other, then refused whole by the extraction. Nothing of it lands in the destination, and a
+file beside the destination, where escaping entries aim, keeps every byte.
 """
 import gzip
+import io
 import tarfile
 
 import pytest
 
-from kesclient_support import *  # noqa: F401,F403 - fixtures, the driver and its result codes
-from servers import HttpsServer, Resource
+from harness import SUCCESS, VERIFY_FAILED, Case
+from servers import Resource
 
 GOOD = ("pkg/setup.exe", b"fine")  # first: an extractor that stopped at the bad entry would have written it
 KEPT = b"outside the destination"
@@ -28,7 +29,17 @@ def pax_path(name, path):
 
 
 def plain(*entries, format=tarfile.USTAR_FORMAT):
-    return tar_archive([GOOD, *entries], compress=False, format=format)
+    """A tar of GOOD and the entries: (name, content) pairs, or TarInfo entries without data."""
+    data = io.BytesIO()
+    with tarfile.open(fileobj=data, mode="w", format=format) as archive:
+        for entry in (GOOD, *entries):
+            if isinstance(entry, tarfile.TarInfo):
+                archive.addfile(entry)
+                continue
+            info = tarfile.TarInfo(entry[0])
+            info.size = len(entry[1])
+            archive.addfile(info, io.BytesIO(entry[1]))
+    return data.getvalue()
 
 
 def corrupt_second_header():
@@ -100,40 +111,38 @@ HOSTILE = {
 }
 
 
-@pytest.fixture
-def outside(folder):
-    """A file beside the destination, in the place escaping entries aim at."""
-    path = folder.parent / "evil.txt"
-    path.parent.mkdir(parents=True)
-    path.write_bytes(KEPT)
-    return path
+def package(archive):
+    """A row's set-up: the file outside the destination, and the archive served as a tar package."""
+    def setup(c):
+        outside = c.destination("driver").parent / "evil.txt"
+        outside.parent.mkdir(parents=True)
+        outside.write_bytes(KEPT)
+        data = archive()
+        return dict(urls=[c.serve(Resource(data), "/package.tar")], body=data, payload="tar")
+    return setup
 
 
-def fetch(wine, certs, servers, archive):
-    server = servers(HttpsServer(certs.localhost))
-    url = server.add("/package.tar", Resource(archive))
-    return download(wine, [url], archive, certs=certs, payload="tar")
+def untouched(c, run):
+    beside = c.destination("driver").parent
+    return (beside / "evil.txt").read_bytes() == KEPT and [p.name for p in beside.iterdir()
+                                                           if p.name != "download"] == ["evil.txt"]
 
 
-@pytest.mark.parametrize("case", HOSTILE)
-def test_hostile_package_is_refused_and_touches_nothing(wine, certs, folder, servers, outside, case):
-    build, why = HOSTILE[case]
-    run = fetch(wine, certs, servers, build())
-    assert run.code == VERIFY_FAILED, run.out
-    assert any("package refused" in line and why in line for line in run.lines("error")), run.out
-    assert leftovers(folder) == []
-    assert outside.read_bytes() == KEPT
-    assert sorted(p.name for p in folder.parent.iterdir() if p != folder) == ["evil.txt"]
+@pytest.mark.parametrize("case", [pytest.param(Case(package(build), VERIFY_FAILED, says="package refused",
+                                                    check=lambda c, run, why=why: why in run.out and untouched(c, run)),
+                                               id=case) for case, (build, why) in HOSTILE.items()])
+def test_hostile_package_is_refused_and_touches_nothing(downloads, case):
+    downloads.check(case)
+
+
+TAR = plain(("pkg/readme.txt", b"read me"))
 
 
 @pytest.mark.parametrize("archive", [
-    lambda tar: gzip.compress(tar[:1100]) + gzip.compress(tar[1100:]),  # split inside a header
-    lambda tar: tar + b"garbage",  # after the end-of-archive marker, nothing is read
+    lambda: gzip.compress(TAR[:1100]) + gzip.compress(TAR[1100:]),  # split inside a header
+    lambda: TAR + b"garbage",  # after the end-of-archive marker, nothing is read
 ], ids=["several-gzip-members", "tar-trailing-garbage"])
-def test_framing_that_ends_well_is_extracted(wine, certs, folder, servers, archive):
-    tar = plain(("pkg/readme.txt", b"read me"))
-    run = fetch(wine, certs, servers, archive(tar))
-    assert run.code == SUCCESS, run.out
-    assert (folder / "pkg" / "setup.exe").read_bytes() == GOOD[1]
-    assert (folder / "pkg" / "readme.txt").read_bytes() == b"read me"
-    assert leftovers(folder) == ["pkg"]
+def test_framing_that_ends_well_is_extracted(downloads, archive):
+    pkg = downloads.destination("driver") / "pkg"
+    downloads.check(Case(package(archive), SUCCESS, kept=["pkg"], check=lambda c, run: (
+        (pkg / "setup.exe").read_bytes(), (pkg / "readme.txt").read_bytes()) == (GOOD[1], b"read me")))

@@ -1,0 +1,154 @@
+"""Installs that really run: an agent upgraded by msiexec from a package the tool downloaded, the
+main agent's installed version found by its upgrade code, and the restarts a run asks for (under
+Wine a restart ends every process of the prefix; the persistent server and the volatile NeedReboot
+markers stay until the test plays the real restart)."""
+import hashlib
+import subprocess
+
+import pytest
+
+from harness import CURRENT_ROOT, LEGACY_ROOT, metadata, settings, update_key, volatile_key
+from packages import MAIN_AGENT_UPGRADE_CODE
+from servers import HttpsServer, Resource
+
+KEY_ID = "{2B7E4C90-6A13-4D5F-8E27-C1F0A9D3B845}"
+AGENT = "E2E Lifecycle Agent"
+AGENT_UPGRADE_CODE = "{8E3F1A64-2C95-4B07-A1D8-6F4B0E7C2935}"
+
+
+def outcome(wine, root=CURRENT_ROOT):
+    values = wine.values(update_key(KEY_ID, root)) or {}
+    return {name: values.get(name) for name in ("STATE", "RESULT", "RETRY")}
+
+
+def test_agent_goes_from_8_12_to_8_13_in_a_download_run_and_an_install_run(wine, certs, servers, packages):
+    old = packages.msi(AGENT, "8.12.0", AGENT_UPGRADE_CODE)
+    new = packages.msi(AGENT, "8.13.0", AGENT_UPGRADE_CODE)
+    assert packages.msiexec("/i", old) == 0
+    body = new.read_bytes()
+    url = servers(HttpsServer(certs.localhost)).add("/packages/agent-8.13.0.msi", Resource(body, etag='"v8.13.0"'))
+    wine.arrange(settings(), {update_key(KEY_ID): {
+        "STATE": "DOWNLOAD", "AGENT": "OTHER", "ARCH": "64-BitAgent", "VERSION": "8.13.0", "URL": [url],
+        "CERTTYPE": "THUMBPRINT", "METADATA": metadata(certs.localhost.sha256()), "FILESIZE": str(len(body)),
+        "CHECKSUM": "sha256:" + hashlib.sha256(body).hexdigest()}})
+
+    assert wine.tool().code == -1  # a download run's own outcome is in RESULT
+    assert outcome(wine) == {"STATE": "WAIT", "RESULT": "OK", "RETRY": "0"}
+    assert (wine.workspace / "agent-8.13.0.msi").read_bytes() == body
+    assert packages.installed_versions(AGENT) == ["8.12.0"]
+
+    wine.arrange({update_key(KEY_ID): {"STATE": "UPDATING"}})  # the management service's move
+    install = wine.tool(timeout=300)
+
+    assert install.code == -4
+    assert install.says("Agent::LaunchHelper: launching: msiexec /i ")
+    assert outcome(wine) == {"STATE": "DONE", "RESULT": "OK", "RETRY": "0"}
+    assert packages.installed_versions(AGENT) == ["8.13.0"]  # replaced, not installed beside
+    assert [p.name for p in wine.workspace.iterdir()] == []
+    assert [(e["status"], e["result"], e["version"]) for e in wine.telemetry()] == [
+        ("WAIT", "OK", "8.13.0"), ("DONE", "OK", "8.13.0")]
+
+
+def test_main_agent_is_found_by_its_upgrade_code(wine, packages):
+    assert packages.msiexec("/i", packages.msi("E2E Lumenar Agent", "8.12.0", MAIN_AGENT_UPGRADE_CODE)) == 0
+    installer, env = packages.test_installer(wine.workspace, "Tessix-Lumenar-Agent-x86_64-8.13.0-1.exe")
+    wine.arrange(settings(), {update_key(KEY_ID): {"STATE": "UPDATING", "AGENT": "OREL", "ARCH": "64-BitAgent",
+                                                   "URL": ["https://updates.invalid/p"]}})
+
+    run = wine.tool(env=env)
+
+    assert run.code == -1  # the main agent's installer never changes the result
+    assert run.says("OrelAgent::GetVersion: installedVersion: 8.12.0")
+    assert packages.recorded() == [(wine.windows_path(installer) + " /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1").lower()]
+
+
+# -- restarts -------------------------------------------------------------------------------------
+def waiting_program(wine):
+    """cmd left waiting for input, or None when it ended before it was up. By its full path it
+    runs as one process, which kill() ends for good."""
+    program = wine.start(r"C:\windows\system32\cmd.exe", "/c", "echo waiting&pause", stdin=subprocess.PIPE,
+                         stdout=subprocess.PIPE)
+    if program.stdout.readline().strip() == b"waiting":
+        return program
+    end(program)
+
+
+def end(program):
+    if program.poll() is None:
+        program.kill()
+    program.communicate()
+
+
+def still_up(program, seconds):
+    try:
+        program.wait(timeout=seconds)
+        return False
+    except subprocess.TimeoutExpired:
+        return True
+
+
+def restarted(wine, marker, within):
+    """Whether the run restarted the prefix. When it did, returns only once the restart has stopped
+    ending programs: Wine's restart ends every program it finds, pass after pass until a pass finds
+    none, so a program still up a moment after it started came after the last pass."""
+    if still_up(marker, within):
+        return False
+    for _ in range(20):
+        probe = waiting_program(wine)
+        settled = probe is not None and still_up(probe, 0.5)
+        if probe is not None:
+            end(probe)
+        if settled:
+            return True
+    raise AssertionError("the restart keeps ending programs")
+
+
+PREFLIGHT_REBOOT = {"OPTIONS": "PREFLIGHTCHECK_ENABLED=1"}
+CHECK = r"\Agent\PreflightChecks\e2e-check"
+
+
+@pytest.mark.parametrize("root, state, exit_code, retry, expected, wait", [
+    # Installed, a restart required to finish: done, nothing to wait for.
+    (CURRENT_ROOT, "UPDATING", 3010, "0", ("DONE", "OK", "0"), 0.0),
+    (LEGACY_ROOT, "UPDATING", 3010, "0", ("DONE", "OK", "0"), 0.0),
+    # Failed on its second attempt, one left: RETRY x RetryWaitPeriod before the restart.
+    (CURRENT_ROOT, "UPDATING", 1603, "1", ("WAIT", "PROGRESS", "2"), 2.0),
+    # A preflight check that asks for a restart: at once, no wait.
+    (CURRENT_ROOT, "READY", None, "0", ("READY", "PREFLIGHTCHECK_INPROGRESS", "1"), None),
+], ids=["installed-3010", "installed-3010-legacy-root", "failed-1603-retried", "preflight-reboot-check"])
+def test_restart_leaves_need_reboot_markers_that_the_played_restart_removes(wine, packages, root, state, exit_code,
+                                                                              retry, expected, wait):
+    installer, env = packages.test_installer(wine.workspace, exit_code=exit_code or 0)
+    extra = {"FILENAME": wine.windows_path(installer)} if exit_code else PREFLIGHT_REBOOT
+    wine.arrange(settings(max_retry=2, retry_wait_ms=1000), {update_key(KEY_ID, root): {
+        "STATE": state, "AGENT": "OTHER", "ARCH": "64-BitAgent", "URL": ["https://updates.invalid/setup.exe"],
+        "RETRY": retry, **extra}}, {} if exit_code else {
+        LEGACY_ROOT + CHECK: {}, CURRENT_ROOT + CHECK: {"KeyPath": r"HKEY_LOCAL_MACHINE\Software\Microsoft",
+                                                        "KeyPresentAction": "reboot"}})
+    roots = [CURRENT_ROOT, LEGACY_ROOT] if root == LEGACY_ROOT else [CURRENT_ROOT]
+    marker = waiting_program(wine)  # another program of the prefix, which the restart has to end
+    assert marker is not None
+    try:
+        run = wine.tool(env=env)
+        # Nothing is read back before the restart has ended the prefix's programs: it would end the reader too.
+        assert restarted(wine, marker, within=30), run.log
+    finally:
+        end(marker)
+    try:
+        assert len(packages.recorded()) == (1 if exit_code else 0)
+        for each in roots:
+            assert tuple(outcome(wine, each).values()) == expected, each
+            assert wine.values(volatile_key(each)).get("NeedReboot") == "1", each
+        waits = [m for m in run.messages if m.startswith("Util_CheckReboot:")]
+        if wait is None:
+            assert waits == []
+        else:
+            assert waits == ["Util_CheckReboot: wait for a while", "Util_CheckReboot: done waiting"]
+            assert run.seconds >= wait
+        assert run.says("Initiated system reboot successfully.")
+    finally:
+        wine.restart()
+    for each in roots:
+        assert wine.values(volatile_key(each)) is None, each  # a volatile key: gone with the restart
+    after = wine.tool(timeout=60)  # would wait five minutes for a restart still pending
+    assert not after.says("Reboot action triggered by Update tool is still pending")
