@@ -8,12 +8,13 @@ A row is one line of harness.Case; Downloads (harness.py) runs it."""
 import hashlib
 import io
 import os
+import re
 import tarfile
 
 import pytest
 
 from harness import (BODY, DRIVER, CERTIFICATE_ERROR, DOWNLOAD_FAILED, INVALID_THUMBPRINT, INVALID_URI, PEM_FILE_FAILED,
-                     SUCCESS, VERIFY_FAILED, WRONG_CHECKSUM, WRONG_SIZE, Case, wait_for)
+                     SUCCESS, VERIFY_FAILED, WRONG_CHECKSUM, WRONG_SIZE, Case, metadata, wait_for)
 from servers import DROP, ConnectProxy, Resource, chunked, drip, head, pac_server
 
 CUT = 300_000
@@ -130,6 +131,25 @@ def tar_that_cannot_be_placed(c):
     (c.destination("driver") / "pkg" / "setup.exe").mkdir(parents=True)  # a folder where the archive has a file
     (c.destination("driver") / "pkg" / "b.txt").write_bytes(b"old b")
     return dict(urls=[c.serve(Resource(archive), "/package.tgz")], body=archive, payload="tar")
+
+
+def pinned_too(identity):
+    return {"METADATA": metadata(identity.sha1().upper())}
+
+
+def plant_at_the_workspace(c):
+    c.wine.workspace.write_bytes(b"planted")  # what any user can create in the temp folder
+    return {}
+
+
+def moved_aside(c, run):
+    aside = list(c.wine.workspace.parent.glob("updatetool-data.untrusted-*"))
+    contents = [path.read_bytes() for path in aside]
+    for path in aside:
+        path.unlink()
+    named = re.compile(r"GetWorkspace: .*\\updatetool-data \(a file, owner [^)]*\) cannot be trusted, moved it "
+                       r"aside to .*\\updatetool-data\.untrusted-\d{14}$", re.I)
+    return contents == [b"planted"] and any(named.match(line) for line in run.messages)
 
 
 def tar_for_the_tool(c):
@@ -276,12 +296,17 @@ TABLE = [
     # -- through the tool: the update key's values reach the DLL
     row("tool-thumbprint-second", lambda c: dict(pins=[c.certs.other_ca.sha1(), c.certs.localhost.sha1().upper()]),
         SUCCESS, via="tool", says="SHA-256 verified"),
-    row("tool-pem", lambda c: dict(trust=c.certs.ca.pem), SUCCESS, via="tool"),
+    row("tool-pem", lambda c: dict(trust=c.certs.ca.pem), SUCCESS, via="tool",
+        says="Agent::IsHostX64: host system: 64-bit"),  # the host line stands in a download run's log too
     row("tool-system", lambda c: dict(trust="system"), SUCCESS, via="tool"),
     row("tool-thumbprint-other", lambda c: dict(pins=[c.certs.self_signed.sha1()]), INVALID_THUMBPRINT,
         via="tool"),
-    row("tool-pem-other-ca", lambda c: dict(trust=c.certs.other_ca.pem), CERTIFICATE_ERROR, via="tool"),
-    row("tool-system-self-signed", served_by("self_signed", lambda c: "system"), CERTIFICATE_ERROR, via="tool"),
+    # the server's own thumbprint in METADATA widens neither the PEM file nor the system store
+    row("tool-pem-other-ca", lambda c: dict(trust=c.certs.other_ca.pem, key=pinned_too(c.certs.localhost)),
+        CERTIFICATE_ERROR, via="tool"),
+    row("tool-system-self-signed", lambda c: dict(urls=[c.serve(identity=c.certs.self_signed)], trust="system",
+                                                  key=pinned_too(c.certs.self_signed)), CERTIFICATE_ERROR, via="tool"),
+    row("tool-planted-workspace", plant_at_the_workspace, SUCCESS, via="tool", check=moved_aside),
     row("tool-proxy", lambda c: dict(proxies=[proxy(c).address]), SUCCESS, via="tool", check=tunnelled),
     row("tool-checksum-wrong", lambda c: dict(checksum=hashlib.sha256(BODY[:-1] + b"!").hexdigest()), WRONG_CHECKSUM,
         via="tool"),
