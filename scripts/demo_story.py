@@ -86,7 +86,7 @@ def main():
         server = HttpsServer(certs.localhost)
         body = new.read_bytes()
         url = server.add("/packages/lumenar-agent-8.13.0.msi", Resource(body=body, etag='"v8.13.0"'))
-        thumbprint = certs.localhost.sha256()
+        thumbprint = certs.localhost.sha()
         checksum = hashlib.sha256(body).hexdigest()
         detail(f"{url}  ({len(body)} bytes)")
         detail(f"server certificate SHA-256 thumbprint (pinned): {thumbprint}")
@@ -122,12 +122,12 @@ def main():
 
         say("the run logs: C:\\logs\\updatetool\\ (one UTF-16 file per run)")
         for path in sorted(wine.unix_path(r"C:\logs\updatetool").glob("*.log")):
-            _, text = read_log(path)
+            text = read_log(path)
             lines = [line for line in text.split("\r\n") if line]
             detail(f"{path.name}: {len(lines)} lines, last: {lines[-2] if len(lines) > 1 else lines[-1]}")
     finally:
         if server:
-            server.stop()
+            server.close()
         wine.kill_server()
     say(f"done. The prefix stays in {PREFIX} for a closer look (docs/manual-update.md); nothing is left running.")
 

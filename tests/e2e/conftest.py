@@ -1,5 +1,4 @@
-"""Fixtures: one Wine prefix for the session, a clean product registry, logs and workspace for a
-test that asks for `wine`, certificates, and servers stopped at the end of each test."""
+"""One Wine prefix for the session, reset for each test; certificates; servers stopped after each test."""
 import os
 import shutil
 
@@ -19,26 +18,25 @@ def prefix():
     wine = WinePrefix(os.environ.get("UPDATETOOL_E2E_PREFIX") or ROOT / "build" / "e2e" / "prefix")
     wine.create()
     yield wine
-    wine.destroy()
+    wine.kill_server()
+    shutil.rmtree(wine.path, ignore_errors=True)
 
 
 @pytest.fixture
 def wine(prefix):
     prefix.reset()
-    yield prefix
+    return prefix
 
 
 @pytest.fixture
 def packages(wine):
-    """Installers built for one test (packages.Packages); what was installed is removed after it."""
-    folder = Packages(wine)
-    yield folder
+    yield (folder := Packages(wine))
     folder.remove()
 
 
 @pytest.fixture(scope="session")
 def certs(prefix, tmp_path_factory):
-    """Test certificates; their CA in the machine's Root store for the session."""
+    """The test CA is in the machine's Root store for the session."""
     made = Certificates(tmp_path_factory.mktemp("certs"))
     assert prefix.run(DRIVER, "--add-root", prefix.windows_path(made.ca.pem)).code == 0
     yield made
@@ -47,21 +45,16 @@ def certs(prefix, tmp_path_factory):
 
 @pytest.fixture
 def servers():
-    """servers(server) starts nothing itself: it stops what it is given at the end of the test."""
+    """servers(server) stops the server at the end of the test."""
     started = []
     yield lambda server: started.append(server) or server
     for server in started:
-        server.stop()
+        server.close()
 
 
 @pytest.fixture
 def downloads(prefix, certs, servers):
-    """The content-client table's runner (harness.Downloads), with an empty destination."""
     folder = prefix.unix_path(FOLDER).parent
     shutil.rmtree(folder, ignore_errors=True)
     yield Downloads(prefix, certs, servers)
     shutil.rmtree(folder, ignore_errors=True)
-
-
-def pytest_report_header(config):
-    return [f"bin: {BIN}"]

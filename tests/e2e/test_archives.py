@@ -15,16 +15,9 @@ GOOD = ("pkg/setup.exe", b"fine")  # first: an extractor that stopped at the bad
 KEPT = b"outside the destination"
 
 
-def special(name, kind, link=""):
+def special(name, kind=tarfile.REGTYPE, link="", **pax):
     info = tarfile.TarInfo(name)
-    info.type, info.linkname = kind, link
-    return info
-
-
-def pax_path(name, path):
-    """An entry whose ustar name looks harmless while its extended header names another path."""
-    info = tarfile.TarInfo(name)
-    info.pax_headers = {"path": path}
+    info.type, info.linkname, info.pax_headers = kind, link, pax
     return info
 
 
@@ -33,12 +26,9 @@ def plain(*entries, format=tarfile.USTAR_FORMAT):
     data = io.BytesIO()
     with tarfile.open(fileobj=data, mode="w", format=format) as archive:
         for entry in (GOOD, *entries):
-            if isinstance(entry, tarfile.TarInfo):
-                archive.addfile(entry)
-                continue
-            info = tarfile.TarInfo(entry[0])
-            info.size = len(entry[1])
-            archive.addfile(info, io.BytesIO(entry[1]))
+            info = entry if isinstance(entry, tarfile.TarInfo) else special(entry[0])
+            info.size = 0 if info is entry else len(entry[1])
+            archive.addfile(info, None if info is entry else io.BytesIO(entry[1]))
     return data.getvalue()
 
 
@@ -46,10 +36,6 @@ def corrupt_second_header():
     data = bytearray(plain(("pkg/second.txt", b"x")))
     data[1024] ^= 1  # the second header starts after the first's header and data blocks
     return bytes(data)
-
-
-def bomb():
-    return gzip.compress(plain(("pkg/zeros.bin", bytes(64 << 20))), 9)
 
 
 # Escaping entries all aim at C:\kes\evil.txt; the destination is C:\kes\download.
@@ -84,7 +70,8 @@ NAMES = {
 
 HOSTILE = {
     **{case: (lambda name=name: plain((name, KEPT + b"!")), why) for case, (name, why) in NAMES.items()},
-    "pax-path": (lambda: plain(pax_path("pkg/fine.txt", "../evil.txt"), format=tarfile.PAX_FORMAT),
+    # The ustar name looks harmless while the extended header names another path.
+    "pax-path": (lambda: plain(special("pkg/fine.txt", path="../evil.txt"), format=tarfile.PAX_FORMAT),
                  '".." component'),
     "gnu-long-name": (lambda: plain(("pkg/" + "a" * 120 + "/../../../evil.txt", b"x"), format=tarfile.GNU_FORMAT),
                       '".." component'),
@@ -104,33 +91,32 @@ HOSTILE = {
     "bad-checksum": (corrupt_second_header, "bad header checksum"),
     "no-end-marker": (lambda: plain(("pkg/second.txt", b"x"))[:2048], "end-of-archive marker"),
     "one-zero-block": (lambda: plain(("pkg/second.txt", b"x"))[:2560], "end-of-archive marker"),
-    "gzip-bomb": (bomb, "compression ratio"),
+    "gzip-bomb": (lambda: gzip.compress(plain(("pkg/zeros.bin", bytes(64 << 20))), 9), "compression ratio"),
     "gzip-trailing-garbage": (lambda: gzip.compress(plain()) + b"garbage", "after the end of the compressed stream"),
     "gzip-trailing-zeros": (lambda: gzip.compress(plain()) + bytes(512), "after the end of the compressed stream"),
     "gzip-truncated": (lambda: gzip.compress(plain())[:-4], "truncated"),
 }
 
 
-def package(archive):
-    """A row's set-up: the file outside the destination, and the archive served as a tar package."""
+def package(archive, code, **options):
+    """The archive served as a tar package, with a file outside the destination."""
     def setup(c):
-        outside = c.destination("driver").parent / "evil.txt"
-        outside.parent.mkdir(parents=True)
-        outside.write_bytes(KEPT)
+        (c.destination().parent / "evil.txt").parent.mkdir(parents=True)
+        (c.destination().parent / "evil.txt").write_bytes(KEPT)
         data = archive()
-        return dict(urls=[c.serve(Resource(data), "/package.tar")], body=data, payload="tar")
-    return setup
+        return dict(urls=[Resource(data)], body=data, payload="tar")
+    return Case(setup, code, **options)
 
 
 def untouched(c, run):
-    beside = c.destination("driver").parent
+    beside = c.destination().parent
     return (beside / "evil.txt").read_bytes() == KEPT and [p.name for p in beside.iterdir()
                                                            if p.name != "download"] == ["evil.txt"]
 
 
-@pytest.mark.parametrize("case", [pytest.param(Case(package(build), VERIFY_FAILED, says="package refused",
-                                                    check=lambda c, run, why=why: why in run.out and untouched(c, run)),
-                                               id=case) for case, (build, why) in HOSTILE.items()])
+@pytest.mark.parametrize("case", [pytest.param(package(build, VERIFY_FAILED, says="package refused", check=lambda c, r,
+                                                       why=why: why in r.out and untouched(c, r)), id=case)
+                                  for case, (build, why) in HOSTILE.items()])
 def test_hostile_package_is_refused_and_touches_nothing(downloads, case):
     downloads.check(case)
 
@@ -143,6 +129,6 @@ TAR = plain(("pkg/readme.txt", b"read me"))
     lambda: TAR + b"garbage",  # after the end-of-archive marker, nothing is read
 ], ids=["several-gzip-members", "tar-trailing-garbage"])
 def test_framing_that_ends_well_is_extracted(downloads, archive):
-    pkg = downloads.destination("driver") / "pkg"
-    downloads.check(Case(package(archive), SUCCESS, kept=["pkg"], check=lambda c, run: (
+    pkg = downloads.destination() / "pkg"
+    downloads.check(package(archive, SUCCESS, kept=["pkg"], check=lambda c, run: (
         (pkg / "setup.exe").read_bytes(), (pkg / "readme.txt").read_bytes()) == (GOOD[1], b"read me")))

@@ -1,7 +1,7 @@
-"""Installs that really run: an agent upgraded by msiexec from a package the tool downloaded, the
-main agent's installed version found by its upgrade code, and the restarts a run asks for (under
-Wine a restart ends every process of the prefix; the persistent server and the volatile NeedReboot
-markers stay until the test plays the real restart)."""
+"""Installs that really run: an agent upgraded by msiexec from a package the tool downloaded, the main
+agent found by its upgrade code, and the restarts a run asks for (under Wine a restart ends every
+process of the prefix; the volatile NeedReboot markers stay until the test plays the real restart)."""
+import contextlib
 import hashlib
 import subprocess
 
@@ -29,7 +29,7 @@ def test_agent_goes_from_8_12_to_8_13_in_a_download_run_and_an_install_run(wine,
     url = servers(HttpsServer(certs.localhost)).add("/packages/agent-8.13.0.msi", Resource(body, etag='"v8.13.0"'))
     wine.arrange(settings(), {update_key(KEY_ID): {
         "STATE": "DOWNLOAD", "AGENT": "OTHER", "ARCH": "64-BitAgent", "VERSION": "8.13.0", "URL": [url],
-        "CERTTYPE": "THUMBPRINT", "METADATA": metadata(certs.localhost.sha256()), "FILESIZE": str(len(body)),
+        "CERTTYPE": "THUMBPRINT", "METADATA": metadata(certs.localhost.sha()), "FILESIZE": str(len(body)),
         "CHECKSUM": "sha256:" + hashlib.sha256(body).hexdigest()}})
 
     assert wine.tool().code == -1  # a download run's own outcome is in RESULT
@@ -64,13 +64,11 @@ def test_main_agent_is_found_by_its_upgrade_code(wine, packages):
 
 # -- restarts -------------------------------------------------------------------------------------
 def waiting_program(wine):
-    """cmd left waiting for input, or None when it ended before it was up. By its full path it
-    runs as one process, which kill() ends for good."""
+    """cmd left waiting for input, or None when it ended before it was up. By its full path it runs
+    as one process, which kill() ends for good."""
     program = wine.start(r"C:\windows\system32\cmd.exe", "/c", "echo waiting&pause", stdin=subprocess.PIPE,
                          stdout=subprocess.PIPE)
-    if program.stdout.readline().strip() == b"waiting":
-        return program
-    end(program)
+    return program if program.stdout.readline().strip() == b"waiting" else end(program)
 
 
 def end(program):
@@ -80,23 +78,20 @@ def end(program):
 
 
 def still_up(program, seconds):
-    try:
-        program.wait(timeout=seconds)
-        return False
-    except subprocess.TimeoutExpired:
-        return True
+    with contextlib.suppress(subprocess.TimeoutExpired):
+        return program.wait(timeout=seconds) is None
+    return True
 
 
 def restarted(wine, marker, within):
-    """Whether the run restarted the prefix. When it did, returns only once the restart has stopped
-    ending programs: Wine's restart ends every program it finds, pass after pass until a pass finds
-    none, so a program still up a moment after it started came after the last pass."""
+    """Whether the run restarted the prefix; if so, once the restart has stopped ending programs: Wine
+    ends every program it finds, pass after pass, so one still up a moment after it started came after."""
     if still_up(marker, within):
         return False
     for _ in range(20):
         probe = waiting_program(wine)
         settled = probe is not None and still_up(probe, 0.5)
-        if probe is not None:
+        if probe:
             end(probe)
         if settled:
             return True
@@ -126,8 +121,7 @@ def test_restart_leaves_need_reboot_markers_that_the_played_restart_removes(wine
         LEGACY_ROOT + CHECK: {}, CURRENT_ROOT + CHECK: {"KeyPath": r"HKEY_LOCAL_MACHINE\Software\Microsoft",
                                                         "KeyPresentAction": "reboot"}})
     roots = [CURRENT_ROOT, LEGACY_ROOT] if root == LEGACY_ROOT else [CURRENT_ROOT]
-    marker = waiting_program(wine)  # another program of the prefix, which the restart has to end
-    assert marker is not None
+    assert (marker := waiting_program(wine))  # another program of the prefix, which the restart has to end
     try:
         run = wine.tool(env=env)
         # Nothing is read back before the restart has ended the prefix's programs: it would end the reader too.
@@ -139,12 +133,9 @@ def test_restart_leaves_need_reboot_markers_that_the_played_restart_removes(wine
         for each in roots:
             assert tuple(outcome(wine, each).values()) == expected, each
             assert wine.values(volatile_key(each)).get("NeedReboot") == "1", each
-        waits = [m for m in run.messages if m.startswith("Util_CheckReboot:")]
-        if wait is None:
-            assert waits == []
-        else:
-            assert waits == ["Util_CheckReboot: wait for a while", "Util_CheckReboot: done waiting"]
-            assert run.seconds >= wait
+        assert [m for m in run.messages if m.startswith("Util_CheckReboot:")] == ([] if wait is None else [
+            "Util_CheckReboot: wait for a while", "Util_CheckReboot: done waiting"])
+        assert run.seconds >= (wait or 0)
         assert run.says("Initiated system reboot successfully.")
     finally:
         wine.restart()

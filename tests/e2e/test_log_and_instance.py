@@ -6,10 +6,8 @@ import time
 
 import pytest
 
-from harness import BIN, CURRENT_ROOT, LOGS, TOOL, messages, read_log, settings, update_key
+from harness import BIN, CURRENT_ROOT, LOGS, STAMP, TOOL, messages, read_log, settings, update_key
 
-LOG_NAME = re.compile(r"^Quorvane_Agent_Update_\d{14}\.log$")
-LINE = re.compile(r"^\d{4}-\d{2}-\d{2} \d{2}\.\d{2}\.\d{2}: ")
 KEY_ID = "{e2e-instance}"
 # A download that fails at once (nothing listens on port 9) and then waits for its retry.
 FAILING = {update_key(KEY_ID): {"STATE": "DOWNLOAD", "AGENT": "OTHER", "VERSION": "8.13.0",
@@ -26,28 +24,23 @@ def test_log_file_is_utf16_with_crlf_and_the_console_shows_the_same_lines(wine, 
     run = wine.run(TOOL)
     assert run.code == -1
     [path] = folder(wine).glob("*.log")
-    assert LOG_NAME.match(path.name)
-    raw, text = read_log(path)
+    assert re.fullmatch(r"Quorvane_Agent_Update_\d{14}\.log", path.name)
+    text = read_log(path)
     assert text.endswith("=== End ===\r\n")
     lines = text.split("\r\n")[:-1]
-    assert all(LINE.match(line) and "\n" not in line for line in lines), lines
+    assert all(STAMP.match(line) and "\n" not in line for line in lines), lines
     assert lines[-2].endswith("wmain: Updatetool rc = ERR_FAILURE")
     # The console shows the same lines with LF only.
     console = run.out.replace("\r\r\n", "\n")
     assert "\r" not in console and console.split("\n")[:-1] == lines
 
 
-def log_names(seconds):
-    """The log file names of runs starting in the next few seconds."""
-    now = time.time()
-    return [time.strftime("Quorvane_Agent_Update_%Y%m%d%H%M%S.log", time.localtime(now + s)) for s in range(seconds)]
-
-
 @pytest.mark.parametrize("released", [False, True], ids=["held-throughout", "released-midway"])
 def test_locked_log_file_does_not_stop_the_run(wine, released):
     folder = wine.unix_path(LOGS + r"\updatetool")
     folder.mkdir(parents=True)
-    names = log_names(30)  # whichever second the run starts in, its file is held
+    now = time.time()  # whichever second of the next 30 the run starts in, its file is held
+    names = [time.strftime("Quorvane_Agent_Update_%Y%m%d%H%M%S.log", time.localtime(now + s)) for s in range(30)]
     wine.arrange(settings(max_retry=1, retry_wait_ms=4000), FAILING)  # the retry wait: a pause to unlock in
     # tests/tools/file_locker.cpp: holds files open without sharing until its input closes.
     holder = wine.start(BIN / "file_locker.exe", *[LOGS + "\\updatetool\\" + n for n in names],
@@ -76,7 +69,7 @@ def test_locked_log_file_does_not_stop_the_run(wine, released):
         [(name, path)] = written.items()
         assert name in names
         # Stamps aside: a line's stamp for the console and for the file can fall in two seconds.
-        assert messages(read_log(path)[1]) == messages("\n".join(lines))
+        assert messages(read_log(path)) == messages("\n".join(lines))
     else:
         assert written == {}  # the holder's files stay as it made them, empty
 
@@ -125,6 +118,6 @@ def test_ten_starts_at_once_run_the_step_once_and_nine_refuse(wine):
     assert [entry["updatedGUID"] for entry in wine.telemetry()] == [KEY_ID]
     # Starts in the same second share a log file name; the run that ends last rewrites its file
     # whole, so its log is complete and no file holds lines of two runs.
-    logs = [messages(read_log(path)[1]) for path in wine.log_files()]
+    logs = [messages(read_log(path)) for path in wine.log_files()]
     assert ran in logs
     assert all(lines == ran or is_duplicate(lines) for lines in logs), logs
