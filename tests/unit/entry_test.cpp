@@ -5,50 +5,29 @@
 
 namespace {
 
+const wchar_t* const kMarker = L"\\Agent\\UpdateStatusVolatile\\NeedReboot";
+
 class EntryTest : public ToolTest {
 protected:
-    std::wstring LinesAfterBanner() {
-        const std::wstring text = LogText();
-        return text.substr(text.find(L"Updatetool Version:"));
+    void Enable(const std::wstring& text = L"1") {
+        fake::SetRegistryString(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", text);
     }
 };
 
-TEST_F(EntryTest, KillSwitchRefusesSilentlyBeforeTheMutex) {
-    for (const wchar_t* off : {L"0", L"false", L"no", L""}) {
-        fake::SetRegistryString(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", off);
-        EXPECT_EQ(RunTool(), -2) << off;
-    }
+TEST_F(EntryTest, KillSwitchRefusesSilentlyAndADllSearchFailureIsLoggedOnly) {
+    Enable(L"0");
+    EXPECT_EQ(RunTool(), run_result::kKillSwitch);
     EXPECT_TRUE(Platform().mutexes.empty());
-    EXPECT_EQ(LinesAfterBanner().find(L"\r\n"), LinesAfterBanner().size() - 2);  // no line after it
+    EXPECT_EQ(Count(L"\r\n"), 2u);  // the banner only
     EXPECT_TRUE(Platform().dllSearchRestricted);  // even a refused run loads nothing from elsewhere
-}
 
-TEST_F(EntryTest, DllSearchThatCannotBeRestrictedIsLoggedAndTheRunGoesOn) {
     Platform().dllSearchError = 5;
-    fake::SetRegistryDword(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", 1);
-    EXPECT_EQ(RunTool(), -1);
-    EXPECT_TRUE(Logged(L"wmain: cannot restrict the DLL search to System32 and the program folder: "
-                       L"Access is denied."));
-    EXPECT_TRUE(Logged(L": wmain: Updatetool rc = ERR_FAILURE\r\n"));
-}
-
-TEST_F(EntryTest, SecondInstanceLeavesOneLineWithTheProgramName) {
-    Platform().mutexes[kSingleInstanceMutexName] = {};  // whose, unreadable: as under Wine
-    fake::SetRegistryString(CurrentProductRoot() + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", L"1");
-    EXPECT_EQ(RunTool(), -3);
-    EXPECT_EQ(LinesAfterBanner().substr(LinesAfterBanner().find(L"\r\n") + 2),
-              L"2026-03-02 14.03.09: updatetool.exe duplicate instance, exit now\n\r\n");
-    EXPECT_TRUE(Platform().sleeps.empty());
-}
-
-TEST_F(EntryTest, RunThatPassesTheMutexLogsItsResultName) {
-    EXPECT_EQ(RunTool(), -1);  // the kill switch is on by default
-    Platform().mutexes.clear();
-    fake::SetRegistryDword(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", 1);
-    EXPECT_EQ(RunTool(), -1);
+    Enable();
+    EXPECT_EQ(RunTool(), run_result::kFailure);
+    EXPECT_TRUE(LoggedLine(L"wmain: cannot restrict the DLL search to System32 and the program "
+                           L"folder: Access is denied."));
+    EXPECT_TRUE(LoggedLine(L"wmain: Updatetool rc = ERR_FAILURE"));
     EXPECT_TRUE(Platform().mutexes.count(kSingleInstanceMutexName));
-    EXPECT_TRUE(Logged(L": wmain: Updatetool rc = ERR_FAILURE\r\n"));
-    EXPECT_TRUE(Platform().sleeps.empty());
 }
 
 // Who holds the instance mutex decides: a real run (SYSTEM, Administrators, this account, or an
@@ -60,7 +39,7 @@ struct InstanceRow {
     platform::OwnerKind owner;
     bool lockHeld;
     RunResult code;
-    std::vector<std::wstring> lines;  // every line between the banner and the final one
+    std::vector<std::wstring> lines;  // every line of these three the run logs
 };
 
 class InstanceLockTest : public EntryTest, public ::testing::WithParamInterface<InstanceRow> {};
@@ -74,7 +53,8 @@ const std::wstring kDenied =
 
 TEST_P(InstanceLockTest, RunsOrRefusesAsADuplicate) {
     const InstanceRow& row = GetParam();
-    fake::SetRegistryDword(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", 1);
+    Enable();
+    fake::SetRegistryString(CurrentProductRoot() + kMarker, L"1");
     if (row.mutex == Mutex::kOwned) Platform().mutexes[kSingleInstanceMutexName] = {row.owner, L"PC\\mallory"};
     if (row.mutex == Mutex::kDenied) Platform().deniedMutexes.insert(kSingleInstanceMutexName);
     if (row.lockHeld) Platform().locked.insert(kLockFile);
@@ -82,8 +62,14 @@ TEST_P(InstanceLockTest, RunsOrRefusesAsADuplicate) {
     EXPECT_EQ(RunTool(), row.code);
     std::vector<std::wstring> lines;
     for (const std::wstring& wanted : {kDuplicate, kSquatted, kDenied})
-        if (Logged(wanted + L"\r\n")) lines.push_back(wanted);
+        if (LoggedLine(wanted)) lines.push_back(wanted);
     EXPECT_EQ(lines, row.lines);
+    const bool duplicate = row.code == run_result::kDuplicate;
+    if (duplicate) {
+        EXPECT_EQ(Count(L"\r\n"), 2 + lines.size());  // the banner, then only these
+    }
+    // Only a run that goes on waits for a pending restart.
+    EXPECT_EQ(Platform().sleeps, std::vector<std::uint32_t>(duplicate ? 0 : 1, 300000));
     // A run that took the lock file holds it for the rest of the run.
     const bool tookLock = row.code == run_result::kFailure && row.mutex != Mutex::kNew;
     EXPECT_EQ(Platform().locked.count(kLockFile) > 0, row.lockHeld || tookLock);
@@ -105,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // Without a workspace there is no safe place for the lock: the run refuses rather than run twice.
 TEST_F(EntryTest, SquattedMutexWithoutAWorkspaceRefuses) {
-    fake::SetRegistryDword(CurrentProductRoot() + L"\\Agent\\Update\\Enabled", 1);
+    Enable();
     Platform().deniedMutexes.insert(kSingleInstanceMutexName);
     const std::wstring workspace = L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data";
     Platform().folders.erase(workspace);
@@ -117,47 +103,43 @@ TEST_F(EntryTest, SquattedMutexWithoutAWorkspaceRefuses) {
                        L"cannot find the path specified."));
 }
 
-class PendingRebootTest : public ToolTest,
-                          public ::testing::WithParamInterface<std::pair<bool, platform::RegistryValue>> {};
-
-TEST_P(PendingRebootTest, WaitsFiveMinutesOnceForAnyMarker) {
-    const auto& [legacy, value] = GetParam();
-    const std::wstring root = legacy ? LegacyProductRoot() : CurrentProductRoot();
-    fake::SetRegistryValue(root + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", value);
-    EXPECT_EQ(RunTool(), -1);
-    EXPECT_EQ(Platform().sleeps, std::vector<std::uint32_t>{300000});
-    EXPECT_TRUE(Logged(L"wmain: Reboot action triggered by Update tool is still pending, waiting "
-                       L"for (5) minutes before proceeeding..\r\n"));
+// A marker of any type or value under either root means a restart is pending; both mean one wait.
+TEST_F(EntryTest, PendingRestartMarkerOfAnyTypeWaitsFiveMinutesOnce) {
+    namespace type = platform::regtype;
+    const std::pair<bool, platform::RegistryValue> markers[] = {
+        {false, {type::kSz, {'1', 0, 0, 0}}}, {true, {type::kSz, {'0', 0, 0, 0}}},
+        {true, {type::kBinary, {}}}, {false, {type::kDword, {0, 0, 0, 0}}}};
+    for (const auto& [legacy, value] : markers) {
+        SCOPED_TRACE(value.type);
+        Platform().hives.clear();
+        Platform().sleeps.clear();
+        fake::SetRegistryValue((legacy ? LegacyProductRoot() : CurrentProductRoot()) + kMarker, value);
+        WaitForPendingToolReboot();
+        EXPECT_EQ(Platform().sleeps, std::vector<std::uint32_t>{300000});
+    }
+    fake::SetRegistryString(LegacyProductRoot() + kMarker, L"1");
+    WaitForPendingToolReboot();
+    EXPECT_EQ(Platform().sleeps.size(), 2u);
+    EXPECT_TRUE(LoggedLine(L"wmain: Reboot action triggered by Update tool is still pending, waiting "
+                           L"for (5) minutes before proceeeding.."));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Markers, PendingRebootTest,
-    ::testing::Values(
-        std::pair{false, platform::RegistryValue{platform::regtype::kSz, core::Utf16BytesFromWide(L"1", true)}},
-        std::pair{true, platform::RegistryValue{platform::regtype::kSz, core::Utf16BytesFromWide(L"0", true)}},
-        std::pair{true, platform::RegistryValue{platform::regtype::kBinary, {}}},
-        std::pair{false, platform::RegistryValue{platform::regtype::kDword, {0, 0, 0, 0}}}));
-
-TEST_F(EntryTest, BothMarkersStillWaitOnlyOnce) {
-    fake::SetRegistryString(CurrentProductRoot() + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", L"1");
-    fake::SetRegistryString(LegacyProductRoot() + L"\\Agent\\UpdateStatusVolatile\\NeedReboot", L"1");
-    WaitForPendingToolReboot();
-    EXPECT_EQ(Platform().sleeps.size(), 1u);
+TEST(RunResultName, NamesCodesFromMinus13ToZeroButMinus8) {
+    const std::pair<RunResult, const wchar_t*> rows[] = {
+        {1, L"Update ERR_1"}, {0, L"ERR_SUCCESS"}, {-8, L"Update ERR_-8"},
+        {-13, L"ERR_PREFLIGHTCHECK_UPDATE_INPROGRESS"}, {-14, L"Update ERR_-14"}};
+    for (const auto& [code, name] : rows) EXPECT_EQ(RunResultName(code), name);
 }
 
 // Text in the registry that is no valid UTF-16 (a lone surrogate) cannot be handed to the content
 // client: the download is refused as invalid, and the run still ends through its closing steps.
 TEST_F(EntryTest, InvalidRegistryTextIsRefusedAndTheRunStillCloses) {
-    const std::wstring key = CurrentProductRoot() + L"\\Agent\\Update\\{BAD}\\";
-    fake::SetRegistryString(key + L"STATE", L"DOWNLOAD");
-    fake::SetRegistryString(key + L"AGENT", L"OTHER");
-    fake::SetRegistryString(key + L"CERTTYPE", L"CERT_SYSTEM_CA");
-    fake::SetRegistryValue(key + L"URL", {platform::regtype::kMultiSz,
-                                          {'h', 0, 0x00, 0xD8, '.', 0, 'm', 0, 0, 0, 0, 0}});
-    EXPECT_EQ(RunTool(), -1);
-    EXPECT_TRUE(Logged(L"Util_DoDownload: update key holds text that is not valid UTF-16\r\n"));
-    EXPECT_FALSE(Logged(L"failed: to_mstr Failed"));
-    EXPECT_TRUE(Logged(L"wmain: Updatetool rc = ERR_FAILURE\r\n"));
+    const std::wstring key = CurrentUpdates() + L"{BAD}\\";
+    ArrangeUpdate(CurrentUpdates(), L"{BAD}",
+                  {{L"STATE", L"DOWNLOAD"}, {L"CERTTYPE", L"CERT_SYSTEM_CA"}});
+    fake::SetRegistryValue(key + L"URL", {platform::regtype::kMultiSz, {'h', 0, 0, 0xD8, 0, 0, 0, 0}});
+    EXPECT_EQ(RunTool(), run_result::kFailure);
+    EXPECT_TRUE(LoggedLine(L"Util_DoDownload: update key holds text that is not valid UTF-16"));
     // The outcome was still recorded: an invalid download below the retry limit is retried.
     EXPECT_EQ(RegReadString(key + L"STATE"), L"READY");
     EXPECT_EQ(RegReadString(key + L"RESULT"), L"PROGRESS");

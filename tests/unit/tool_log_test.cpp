@@ -9,73 +9,58 @@ namespace {
 
 std::tm Tm(int year, int month, int day, int hour, int minute, int second) {
     std::tm tm{};
-    tm.tm_year = year - 1900;
-    tm.tm_mon = month - 1;
-    tm.tm_mday = day;
-    tm.tm_hour = hour;
-    tm.tm_min = minute;
-    tm.tm_sec = second;
+    std::tie(tm.tm_year, tm.tm_mon, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec) =
+        std::tuple(year - 1900, month - 1, day, hour, minute, second);
     return tm;
 }
 
-constexpr const wchar_t* kWorkspaceLogs =
-    L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data\\updatetool";
-constexpr const wchar_t* kFileName = L"Quorvane_Agent_Update_20260302140309.log";
+using ToolLogTest = ToolTest;
 
-class ToolLogTest : public ToolTest {
-protected:
-    void SetLogsDir(const std::wstring& root, const std::wstring& dir) {
-        fake::SetRegistryString(root + L"\\InstallLogsDir", dir);
-        Platform().folders.insert(dir.back() == L'\\' ? dir.substr(0, dir.size() - 1) : dir);
-    }
-};
-
-TEST_F(ToolLogTest, FallsBackToTheWorkspaceWithoutALogsFolder) {
-    EXPECT_EQ(StartLog().path(), std::wstring(kWorkspaceLogs) + L"\\" + kFileName);
+// The current product's logs folder, then the legacy one's, then the workspace.
+TEST_F(ToolLogTest, FolderFollowsTheLogsDirOfEitherProductThenTheWorkspace) {
+    const std::wstring name = L"\\updatetool\\Quorvane_Agent_Update_20260302140309.log";
+    EXPECT_EQ(StartLog().path(), L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data" + name);
     EXPECT_TRUE(Platform().files.count(StartLog().path()));
+    const std::tuple<std::wstring, const wchar_t*, const wchar_t*> rows[] = {
+        {LegacyProductRoot(), L"D:\\legacy", L"D:\\legacy"},
+        {CurrentProductRoot(), L"D:\\current\\", L"D:\\current"}};  // the backslash is not doubled
+    for (const auto& [root, dir, folder] : rows) {
+        fake::SetRegistryString(root + L"\\InstallLogsDir", dir);
+        Platform().folders.insert(folder);
+        EXPECT_EQ(StartLog().path(), folder + name);
+    }
 }
 
-TEST_F(ToolLogTest, PrefersTheCurrentThenTheLegacyLogsFolder) {
-    SetLogsDir(LegacyProductRoot(), L"D:\\legacy");
-    EXPECT_EQ(StartLog().path(), std::wstring(L"D:\\legacy\\updatetool\\") + kFileName);
-    SetLogsDir(CurrentProductRoot(), L"D:\\current\\");  // trailing backslash: not doubled
-    EXPECT_EQ(StartLog().path(), std::wstring(L"D:\\current\\updatetool\\") + kFileName);
-}
-
-TEST_F(ToolLogTest, FileIsBomThenEveryLineWithCrLf) {
-    ToolLog& log = StartLog();
-    log.Log(L"a/b\\c");
-    const std::vector<std::uint8_t>& bytes = Platform().files.at(log.path());
+TEST_F(ToolLogTest, FileIsBomThenEveryLineWithCrLfAndTheConsoleGetsLf) {
+    std::wstring path;
+    {
+        ToolLog log(&RunLogFolder);
+        log.Log(L"a/b\\c");
+        path = log.path();
+    }
+    const std::vector<std::uint8_t>& bytes = Platform().files.at(path);
     ASSERT_GE(bytes.size(), 2u);
-    EXPECT_EQ(bytes[0], 0xFF);
-    EXPECT_EQ(bytes[1], 0xFE);
-    EXPECT_EQ(fake::FileText(log.path()),
-              L"2026-03-02 14.03.09: === Begin === \r\n"
-              L"2026-03-02 14.03.09: Updatetool Version: 8.16.2.3\r\n"
-              L"2026-03-02 14.03.09: a/b\\c\r\n");
+    EXPECT_TRUE(bytes[0] == 0xFF && bytes[1] == 0xFE);
+    EXPECT_EQ(fake::FileText(path), L"2026-03-02 14.03.09: === Begin === \r\n"
+                                    L"2026-03-02 14.03.09: Updatetool Version: 8.16.2.3\r\n"
+                                    L"2026-03-02 14.03.09: a/b\\c\r\n"
+                                    L"2026-03-02 14.03.09: === End ===\r\n");
     EXPECT_NE(Platform().console.find(L"2026-03-02 14.03.09: a/b\\c\n"), std::wstring::npos);
     EXPECT_EQ(Platform().console.find(L"\r"), std::wstring::npos);
 }
 
-TEST_F(ToolLogTest, EndBannerIsTheLastLine) {
-    std::wstring path;
-    {
-        ToolLog log(&RunLogFolder);
-        path = log.path();
-    }
-    const std::wstring text = fake::FileText(path);
-    EXPECT_EQ(text.substr(text.size() - 34), L"2026-03-02 14.03.09: === End ===\r\n");
-}
-
 TEST_F(ToolLogTest, VersionLineDegradesWithoutAVersion) {
     Platform().fileVersion.reset();
-    EXPECT_TRUE(StartLog().text().find(L": Updatetool Version: \r\n") != std::wstring::npos);
+    StartLog();
+    EXPECT_TRUE(LoggedLine(L"Updatetool Version: "));
     Platform().programPathError = 122;
-    EXPECT_TRUE(StartLog().text().find(L": WARNING: Unable to read this file version: (122)\r\n") !=
-                std::wstring::npos);
+    StartLog();
+    EXPECT_TRUE(LoggedLine(L"WARNING: Unable to read this file version: (122)"));
 }
 
-TEST_F(ToolLogTest, LockedFileCatchesUpWithTheNextLine) {
+// A write that fails keeps the text in memory: a locked file catches up with the next line, and
+// a folder that cannot be made keeps the run going.
+TEST_F(ToolLogTest, FailedWritesLoseNoLine) {
     ToolLog& log = StartLog();
     Platform().locked.insert(log.path());
     Platform().lastError = 1234;
@@ -86,16 +71,15 @@ TEST_F(ToolLogTest, LockedFileCatchesUpWithTheNextLine) {
     log.Log(L"after");
     const std::wstring text = fake::FileText(log.path());
     EXPECT_LT(text.find(L"while locked\r\n"), text.find(L"after\r\n"));
-}
 
-TEST_F(ToolLogTest, UnwritableFolderKeepsTheRunGoing) {
     fake::SetRegistryString(CurrentProductRoot() + L"\\InstallLogsDir", L"Q:\\nowhere");
-    ToolLog& log = StartLog();
-    log.Log(L"still logged");
-    EXPECT_FALSE(Platform().files.count(log.path()));
-    EXPECT_NE(log.text().find(L"still logged"), std::wstring::npos);
+    ToolLog& lost = StartLog();
+    lost.Log(L"still logged");
+    EXPECT_FALSE(Platform().files.count(lost.path()));
+    EXPECT_TRUE(Logged(L": still logged\r\n"));
 }
 
+// Levels 0 to 3 are tagged, others not; the library's text may be long or no valid UTF-8.
 TEST_F(ToolLogTest, LibraryCallbackTagsByLevel) {
     auto call = [](int level, const char* format, ...) {
         std::va_list args;
@@ -103,41 +87,24 @@ TEST_F(ToolLogTest, LibraryCallbackTagsByLevel) {
         ToolLogLibraryCallback(level, format, args);
         va_end(args);
     };
-    call(0, "%s %d", "debug", 1);
-    call(3, "caf\xC3\xA9");
-    call(2, "%s", std::string(20000, 'x').c_str());  // longer than the first buffer
-    call(9, "out of range");
-    call(1, "caf\xC3\xA9 \xFF na\xC3\xAFve %s", "\xE2\x82");
-    EXPECT_TRUE(Logged(L": [DEBUG] debug 1\r\n"));
-    EXPECT_TRUE(Logged(L": [ERROR] caf\u00e9\r\n"));
-    EXPECT_TRUE(Logged(L": [WARNING] " + std::wstring(20000, L'x') + L"\r\n"));
-    EXPECT_TRUE(Logged(L": out of range\r\n"));
-    EXPECT_TRUE(Logged(L": [INFO] caf\u00e9 \uFFFD na\u00efve \uFFFD\r\n"));
+    const std::tuple<int, std::string, std::wstring> rows[] = {
+        {-1, "below", L"below"}, {0, "debug", L"[DEBUG] debug"},
+        {1, "caf\xC3\xA9 \xFF.\xE2\x82", L"[INFO] caf\u00e9 \uFFFD.\uFFFD"},
+        {2, std::string(9000, 'x'), L"[WARNING] " + std::wstring(9000, L'x')},  // over one buffer
+        {3, "error", L"[ERROR] error"}, {4, "above", L"above"}};
+    for (const auto& [level, text, line] : rows) {
+        call(level, "%s %d", text.c_str(), 7);
+        EXPECT_TRUE(LoggedLine(line + L" 7")) << level;
+    }
 }
 
-struct TimestampCase {
-    wchar_t date;
-    wchar_t time;
-    wchar_t millis;
-    const wchar_t* expected;
-};
-
-class FormatTimestampTest : public ::testing::TestWithParam<TimestampCase> {};
-
-TEST_P(FormatTimestampTest, LeavesOutPartsWithoutSeparator) {
-    const auto& c = GetParam();
-    EXPECT_EQ(FormatTimestamp(Tm(2026, 3, 2, 4, 3, 9), c.date, c.time, c.millis, 7), c.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(Separators, FormatTimestampTest,
-                         ::testing::Values(TimestampCase{L'-', L'.', 0, L"2026-03-02 04.03.09"},
-                                           TimestampCase{L'-', L':', L'.', L"2026-03-02 04:03:09.007"},
-                                           TimestampCase{0, L':', 0, L"04:03:09"},
-                                           TimestampCase{L'/', 0, 0, L"2026/03/02"},
-                                           TimestampCase{0, 0, L',', L",007"},
-                                           TimestampCase{0, 0, 0, L""}));
-
-TEST(ToolLogFileName, PadsEveryFieldButTheYear) {
+TEST(ToolLogFormat, TimestampLeavesOutPartsWithoutSeparatorAndFileNamesArePadded) {
+    const std::tuple<wchar_t, wchar_t, wchar_t, const wchar_t*> rows[] = {
+        {L'-', L'.', 0, L"2026-03-02 04.03.09"}, {L'-', L':', L'.', L"2026-03-02 04:03:09.007"},
+        {0, L':', 0, L"04:03:09"},               {L'/', 0, 0, L"2026/03/02"},
+        {0, 0, L',', L",007"},                   {0, 0, 0, L""}};
+    for (const auto& [date, time, millis, expected] : rows)
+        EXPECT_EQ(FormatTimestamp(Tm(2026, 3, 2, 4, 3, 9), date, time, millis, 7), expected);
     EXPECT_EQ(ToolLogFileName(Tm(2026, 1, 5, 0, 7, 59)), L"Quorvane_Agent_Update_20260105000759.log");
 }
 

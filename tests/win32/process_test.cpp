@@ -4,62 +4,34 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <string>
 
 #include "agent/generic_agent.h"
 #include "agent/orel_agent.h"
 #include "core/text.h"
-#include "platform/files.h"
 #include "platform/process.h"
 #include "platform/system.h"
+#include "win32_support.h"
 
 namespace {
-
-// Sets an environment variable of this process (which children inherit) and restores it.
-class ScopedEnvironment {
-public:
-    ScopedEnvironment(const wchar_t* name, const std::wstring& value) : name_(name) {
-        wchar_t buffer[1024];
-        const DWORD length = ::GetEnvironmentVariableW(name, buffer, 1024);
-        if (length > 0 && length < 1024) previous_ = std::wstring(buffer, length);
-        ::SetEnvironmentVariableW(name, value.c_str());
-    }
-    ~ScopedEnvironment() {
-        ::SetEnvironmentVariableW(name_, previous_ ? previous_->c_str() : nullptr);
-    }
-    ScopedEnvironment(const ScopedEnvironment&) = delete;
-    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
-
-private:
-    const wchar_t* name_;
-    std::optional<std::wstring> previous_;
-};
 
 class ProcessAdapterTest : public ::testing::Test {
 protected:
     ProcessAdapterTest() {
-        std::wstring temp;
-        platform::GetTempFolder(temp);
-        static int counter = 0;
-        scratch_ =
-            core::PathJoin(temp, L"updatetool-process-" + std::to_wstring(::GetCurrentProcessId()) +
-                                     L"-" + std::to_wstring(++counter));
-        ::CreateDirectoryW(scratch_.c_str(), nullptr);
         std::uint32_t error = 0;
         const std::wstring self = platform::ProgramPath(error);
         installer_ = self.substr(0, self.rfind(L'\\')) + L"\\test_installer.exe";
-        record_ = Track(scratch_ + L"\\record.txt");
+        Environment(L"TEST_INSTALLER_RECORD", record_);
     }
     ~ProcessAdapterTest() override {
-        for (const std::wstring& file : created_) ::DeleteFileW(file.c_str());
-        ::RemoveDirectoryW((scratch_ + L"\\with blank").c_str());
-        ::RemoveDirectoryW(scratch_.c_str());
+        for (const wchar_t* name : {L"TEST_INSTALLER_RECORD", L"TEST_INSTALLER_EXIT_CODE",
+                                    L"TEST_INSTALLER_PROBE_WRITE"})
+            ::SetEnvironmentVariableW(name, nullptr);
     }
 
-    std::wstring Track(const std::wstring& path) {
-        created_.push_back(path);
-        return path;
+    // For the children this process starts.
+    static void Environment(const wchar_t* name, const std::wstring& value) {
+        ::SetEnvironmentVariableW(name, value.c_str());
     }
 
     // The lines the installer recorded, each without its line end.
@@ -71,17 +43,15 @@ protected:
         return core::Split(text, L'\n');
     }
 
-    std::wstring scratch_;
+    const ScratchFolder scratch_;
+    const std::wstring record_ = scratch_[L"record.txt"];
     std::wstring installer_;
-    std::wstring record_;
-    std::vector<std::wstring> created_;
 };
 
 TEST_F(ProcessAdapterTest, ReturnsTheWholeExitCodeAndRunsTheLineAsGiven) {
-    const ScopedEnvironment record(L"TEST_INSTALLER_RECORD", record_);
     const std::wstring line = OrelAgent::CommandLine(installer_, 1, L"ADDLOCAL=ALL");
     for (const wchar_t* code : {L"3010", L"1603", L"-4", L"0"}) {
-        const ScopedEnvironment exitCode(L"TEST_INSTALLER_EXIT_CODE", code);
+        Environment(L"TEST_INSTALLER_EXIT_CODE", code);
         const platform::ProcessRun run = platform::RunProcessAndWait(line);
         ASSERT_EQ(run.outcome, platform::ProcessOutcome::kExited) << run.error;
         EXPECT_EQ(run.exitCode, static_cast<std::uint32_t>(std::stol(code)));
@@ -92,14 +62,13 @@ TEST_F(ProcessAdapterTest, ReturnsTheWholeExitCodeAndRunsTheLineAsGiven) {
 }
 
 TEST_F(ProcessAdapterTest, AQuotedPathWithABlankRunsThatProgramNotAPlantedPrefix) {
-    ASSERT_TRUE(::CreateDirectoryW((scratch_ + L"\\with blank").c_str(), nullptr));
-    const std::wstring setup = Track(scratch_ + L"\\with blank\\setup.exe");
+    ASSERT_TRUE(::CreateDirectoryW(scratch_[L"with blank"].c_str(), nullptr));
+    const std::wstring setup = scratch_[L"with blank\\setup.exe"];
     ASSERT_TRUE(::CopyFileW(installer_.c_str(), setup.c_str(), FALSE));
     // What an unquoted line would start first: a program named after the path up to the blank.
-    ASSERT_TRUE(platform::WriteWholeFile(Track(scratch_ + L"\\with.exe"), {'M', 'Z', 0, 0}));
+    ASSERT_TRUE(platform::WriteWholeFile(scratch_[L"with.exe"], {'M', 'Z', 0, 0}));
 
-    const ScopedEnvironment record(L"TEST_INSTALLER_RECORD", record_);
-    const ScopedEnvironment exitCode(L"TEST_INSTALLER_EXIT_CODE", L"1641");
+    Environment(L"TEST_INSTALLER_EXIT_CODE", L"1641");
     const std::wstring line = GenericAgent::CommandLine(setup, L"").value();
     ASSERT_EQ(line.front(), L'"');
     const platform::ProcessRun run = platform::RunProcessAndWait(line);
@@ -112,29 +81,22 @@ TEST_F(ProcessAdapterTest, AQuotedPathWithABlankRunsThatProgramNotAPlantedPrefix
     EXPECT_EQ(unquoted.outcome, platform::ProcessOutcome::kCreateFailed);
     EXPECT_EQ(unquoted.error, static_cast<std::uint32_t>(ERROR_BAD_EXE_FORMAT));
     EXPECT_EQ(Recorded().size(), 1u);
-}
-
-TEST_F(ProcessAdapterTest, AMissingProgramIsACreateFailureWithItsError) {
-    const platform::ProcessRun run =
-        platform::RunProcessAndWait(scratch_ + L"\\missing\\setup.exe /s /v /qn");
-    EXPECT_EQ(run.outcome, platform::ProcessOutcome::kCreateFailed);
-    EXPECT_TRUE(run.error == ERROR_FILE_NOT_FOUND || run.error == ERROR_PATH_NOT_FOUND)
-        << run.error;
+    const platform::ProcessRun missing = platform::RunProcessAndWait(scratch_[L"missing\\setup.exe"]);
+    EXPECT_EQ(missing.outcome, platform::ProcessOutcome::kCreateFailed);
+    EXPECT_TRUE(missing.error == ERROR_FILE_NOT_FOUND || missing.error == ERROR_PATH_NOT_FOUND)
+        << missing.error;
 }
 
 TEST_F(ProcessAdapterTest, TheHeldFileCannotBeChangedWhileTheProcessRuns) {
-    const std::wstring package = Track(scratch_ + L"\\package.msi");
+    const std::wstring package = scratch_[L"package.msi"];
     ASSERT_TRUE(platform::WriteWholeFile(package, {'p', 'k', 'g'}));
-    const ScopedEnvironment record(L"TEST_INSTALLER_RECORD", record_);
-    const ScopedEnvironment probe(L"TEST_INSTALLER_PROBE_WRITE", package);
+    Environment(L"TEST_INSTALLER_PROBE_WRITE", package);
     const std::wstring line = L"\"" + installer_ + L"\"";
 
-    ASSERT_EQ(platform::RunProcessAndWait(line, package).outcome,
-              platform::ProcessOutcome::kExited);
+    ASSERT_EQ(platform::RunProcessAndWait(line, package).outcome, platform::ProcessOutcome::kExited);
     ASSERT_EQ(platform::RunProcessAndWait(line).outcome, platform::ProcessOutcome::kExited);
     // Held: the child was refused; not held: it could have rewritten the file.
-    EXPECT_EQ(Recorded(), (std::vector<std::wstring>{line, L"probe-write: 32", line,
-                                                      L"probe-write: 0"}));
+    EXPECT_EQ(Recorded(), (std::vector<std::wstring>{line, L"probe-write: 32", line, L"probe-write: 0"}));
     // Released once the process has ended.
     EXPECT_TRUE(::DeleteFileW(package.c_str()));
 
