@@ -1,101 +1,39 @@
 // The two agent kinds: their installer command lines, launch failures, and how the main agent finds
 // its versions. Exit codes are judged through App::Update in app_install_test.cpp.
-#include <memory>
-
-#include "state/force_reboot.h"
 #include "agent/generic_agent.h"
 #include "agent/orel_agent.h"
-#include "state/registry.h"
+#include "state/force_reboot.h"
 #include "test_support.h"
 
 namespace {
 
-class AgentKindsTest : public ToolTest {
-protected:
-    AgentKindsTest() { SetForceReboot(false); }
-    ~AgentKindsTest() override { SetForceReboot(false); }
-};
+using AgentKindsTest = ToolTest;
 
-// ---- Command lines ----
-
-struct GenericLineCase {
-    const wchar_t* path;
-    const wchar_t* options;
-    const wchar_t* expected;  // nullptr: refused
-};
-
-void PrintTo(const GenericLineCase& c, std::ostream* os) {
-    *os << ::testing::PrintToString(std::wstring(c.path) + L" " + c.options);
+TEST(AgentCommandLine, PerKindQuotingBlanksAndModes) {
+    const std::wstring s = L" /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1";  // the main agent's
+    const std::tuple<int, std::wstring, const wchar_t*, std::optional<std::wstring>> rows[] = {
+        {-1, L"D:\\pkg\\agent.MSI", L"", L"msiexec /i D:\\pkg\\agent.MSI /qn"},
+        {-1, L"D:\\pkg\\setup.exe", L"/l*v x.log", L"D:\\pkg\\setup.exe /s /v /qn /l*v x.log"},
+        {-1, L"C:\\A B\\a.msi", L"A=1", L"msiexec /i \"C:\\A B\\a.msi\" /qn A=1"},
+        {-1, L"C:\\A B\\s.EXE", L"", L"\"C:\\A B\\s.EXE\" /s /v /qn"},
+        {-1, L"D:\\pkg\\agent.zip", L"", std::nullopt},
+        {-1, L"msi", L"", std::nullopt},
+        {0, L"D:\\w\\a.exe", L"ADDLOCAL=ALL", L"D:\\w\\a.exe" + s + L" ADDLOCAL=ALL"},
+        {1, L"D:\\w\\a.exe", L"", L"D:\\w\\a.exe" + s + L" REBOOT=ReallySuppress"},
+        {2, L"D:\\w\\a.msi", L"X=1", L"D:\\w\\a.msi" + s + L" REBOOT=Force X=1"},
+        {0, L"C:\\A B\\a.exe", L"", L"\"C:\\A B\\a.exe\"" + s},
+        {1, L"\"C:\\A B\\a.exe\"", L"", L"\"C:\\A B\\a.exe\"" + s + L" REBOOT=ReallySuppress"},
+    };
+    for (const auto& [mode, path, options, line] : rows) {  // mode -1: the generic kind
+        EXPECT_EQ(mode < 0 ? GenericAgent::CommandLine(path, options)
+                           : OrelAgent::CommandLine(path, mode, options),
+                  line)
+            << testing::PrintToString(path);
+    }
 }
-
-class GenericAgentCommandLineTest : public ::testing::TestWithParam<GenericLineCase> {};
-
-TEST_P(GenericAgentCommandLineTest, Builds) {
-    const auto line = GenericAgent::CommandLine(GetParam().path, GetParam().options);
-    if (GetParam().expected)
-        EXPECT_EQ(line.value_or(L"<refused>"), GetParam().expected);
-    else
-        EXPECT_FALSE(line.has_value()) << *line;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Installers, GenericAgentCommandLineTest,
-    ::testing::Values(GenericLineCase{L"D:\\pkg\\agent.MSI", L"",
-                                      L"msiexec /i D:\\pkg\\agent.MSI /qn"},
-                      GenericLineCase{L"D:\\pkg\\setup.exe", L"/l*v x.log",
-                                      L"D:\\pkg\\setup.exe /s /v /qn /l*v x.log"},
-                      GenericLineCase{L"C:\\Program Files\\pkg\\agent.msi", L"A=1",
-                                      L"msiexec /i \"C:\\Program Files\\pkg\\agent.msi\" /qn A=1"},
-                      GenericLineCase{L"C:\\Program Files\\pkg\\setup.EXE", L"",
-                                      L"\"C:\\Program Files\\pkg\\setup.EXE\" /s /v /qn"},
-                      GenericLineCase{L"D:\\pkg\\agent.zip", L"", nullptr},
-                      GenericLineCase{L"msi", L"", nullptr}, GenericLineCase{L"", L"", nullptr}));
-
-struct OrelLineCase {
-    const wchar_t* path;
-    int mode;
-    const wchar_t* options;
-    const wchar_t* expected;
-};
-
-void PrintTo(const OrelLineCase& c, std::ostream* os) {
-    *os << ::testing::PrintToString(std::wstring(c.path) + L" mode " + std::to_wstring(c.mode) +
-                                    L" " + c.options);
-}
-
-class OrelAgentCommandLineTest : public ::testing::TestWithParam<OrelLineCase> {};
-
-TEST_P(OrelAgentCommandLineTest, Builds) {
-    EXPECT_EQ(OrelAgent::CommandLine(GetParam().path, GetParam().mode, GetParam().options),
-              GetParam().expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Modes, OrelAgentCommandLineTest,
-    ::testing::Values(
-        OrelLineCase{L"D:\\w\\a.exe", 0, L"",
-                     L"D:\\w\\a.exe /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1"},
-        OrelLineCase{L"D:\\w\\a.exe", 0, L"ADDLOCAL=ALL",
-                     L"D:\\w\\a.exe /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1 ADDLOCAL=ALL"},
-        OrelLineCase{
-            L"D:\\w\\a.exe", 1, L"",
-            L"D:\\w\\a.exe /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1 REBOOT=ReallySuppress"},
-        OrelLineCase{
-            L"D:\\w\\a.exe", 1, L"X=1",
-            L"D:\\w\\a.exe /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1 REBOOT=ReallySuppress X=1"},
-        OrelLineCase{L"D:\\w\\a.msi", 2, L"",  // no extension check: always a bootstrapper
-                     L"D:\\w\\a.msi /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1 REBOOT=Force"},
-        OrelLineCase{L"D:\\w\\a.exe", 2, L"X=1",
-                     L"D:\\w\\a.exe /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1 REBOOT=Force X=1"},
-        OrelLineCase{L"C:\\Temp dir\\a.exe", 0, L"",
-                     L"\"C:\\Temp dir\\a.exe\" /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1"},
-        OrelLineCase{L"\"C:\\Temp dir\\a.exe\"", 1, L"",  // already quoted: left alone
-                     L"\"C:\\Temp dir\\a.exe\" /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1 "
-                     L"REBOOT=ReallySuppress"}));
-
-// ---- Launching ----
 
 TEST_F(AgentKindsTest, LaunchFailuresPassThroughBothKinds) {
+    SetForceReboot(false);
     GenericAgent generic(L"D:\\pkg\\agent.exe");
     OrelAgent orel(L"", L"D:\\pkg\\agent.exe");
     std::uint32_t exitCode = 1638;  // stale from an earlier agent: must not be judged again
@@ -107,49 +45,40 @@ TEST_F(AgentKindsTest, LaunchFailuresPassThroughBothKinds) {
     EXPECT_FALSE(ForceReboot());
 }
 
-// ---- The main agent's versions ----
-
-class OrelAgentVersionTest : public AgentKindsTest {
-protected:
-    OrelAgentVersionTest() {
-        Platform().files[GetWorkspace() + L"\\Tessix-Lumenar-Agent-x86_64-8.13.0-12345.exe"] = {};
+// The main agent asks the installer database under each upgrade code, then the product's own
+// ProductVersion; the update comes from the workspace.
+TEST_F(AgentKindsTest, MainAgentFindsItsVersions) {
+    const ScopedHostX64ForTesting x64(true);
+    const std::wstring exe = GetWorkspace() + L"\\Tessix-Lumenar-Agent-x86_64-8.13.0-12345.exe";
+    const std::wstring said = L"OrelAgent::GetVersion: ", find = L"Agent::FindInstalledVersion: ";
+    // the upgrade code that finds the product (-1: none), the status of reading its version, the
+    // ProductVersion value, whether the installer is there; then what GetVersion finds and says
+    const std::tuple<int, std::uint32_t, const wchar_t*, bool, bool, const wchar_t*, const wchar_t*>
+        rows[] = {
+            {1, 0, L"", true, true, L"8.12.0.100", L"installedVersion: 8.12.0.100"},
+            {0, 1608, L"8.10.0.5", true, true, L"8.10.0.5", L"installedVersion: 8.10.0.5"},
+            {-1, 0, L"", true, true, L"", L"installed version not found"},
+            {-1, 0, L"", false, false, L"", L"update version not found"},
+        };
+    for (const auto& [code, status, productVersion, there, ok, installed, logged] : rows) {
+        SCOPED_TRACE(logged);
+        StartLog();
+        Platform().files.clear();
+        Platform().installedProducts.clear();
+        fake::SetRegistryString(CurrentProductRoot() + L"\\ProductVersion", productVersion);
+        if (there) Platform().files[exe] = {};
+        auto& products = Platform().installedProducts;
+        if (code >= 0) products[OrelAgent::kUpgradeCodes[code]] = {L"{P}", L"8.12.0.100", status};
+        OrelAgent agent(L"", L"");
+        EXPECT_EQ(agent.GetVersion(), ok);
+        EXPECT_EQ(agent.installedVersion(), installed);
+        EXPECT_TRUE(Logged(said + logged + L"\r\n"));
+        EXPECT_EQ(Logged(said + L"installedVersion:"), *installed != 0);
+        EXPECT_EQ(Logged(said + L"updateVersion: 8.13.0-12345 updateFileName: " + exe), ok);
+        EXPECT_TRUE(Logged(find + L"MsiEnumRelatedProducts failed: 259 code: " +
+                           OrelAgent::kUpgradeCodes[code == 0 ? 1 : 0]));
+        EXPECT_EQ(Logged(find + L"MsiGetProductInfo failed: 1608 code: {P}"), status != 0);
     }
-    const ScopedHostX64ForTesting x64_{true};
-};
-
-TEST_F(OrelAgentVersionTest, TriesEachUpgradeCodeInTurn) {
-    Platform().installedProducts[OrelAgent::kUpgradeCodes[1]] = {L"{P2}", L"8.12.0.100", 0};
-    OrelAgent agent(L"", L"");
-    ASSERT_TRUE(agent.GetVersion());
-    EXPECT_EQ(agent.installedVersion(), L"8.12.0.100");
-    EXPECT_TRUE(Logged(std::wstring(L"MsiEnumRelatedProducts failed: 259 code: ") +
-                       OrelAgent::kUpgradeCodes[0]));
-    EXPECT_TRUE(Logged(L"OrelAgent::GetVersion: installedVersion: 8.12.0.100"));
-    EXPECT_TRUE(Logged(L"OrelAgent::GetVersion: updateVersion: 8.13.0-12345 updateFileName: " +
-                       GetWorkspace() + L"\\Tessix-Lumenar-Agent-x86_64-8.13.0-12345.exe"));
-    EXPECT_TRUE(agent.CompVersion());
-}
-
-TEST_F(OrelAgentVersionTest, FallsBackToProductVersion) {
-    fake::SetRegistryString(CurrentProductRoot() + L"\\ProductVersion", L"8.10.0.5");
-    OrelAgent agent(L"", L"");
-    ASSERT_TRUE(agent.GetVersion());
-    EXPECT_EQ(agent.installedVersion(), L"8.10.0.5");
-    EXPECT_TRUE(Logged(L"OrelAgent::GetVersion: installedVersion: 8.10.0.5"));
-}
-
-TEST_F(OrelAgentVersionTest, NoInstalledVersionIsNotAFailure) {
-    OrelAgent agent(L"", L"");
-    EXPECT_TRUE(agent.GetVersion());
-    EXPECT_TRUE(Logged(L"OrelAgent::GetVersion: installed version not found"));
-    EXPECT_FALSE(Logged(L"OrelAgent::GetVersion: installedVersion:"));
-}
-
-TEST_F(OrelAgentVersionTest, FailsWithoutInstaller) {
-    Platform().files.clear();
-    OrelAgent agent(L"", L"");
-    EXPECT_FALSE(agent.GetVersion());
-    EXPECT_TRUE(Logged(L"OrelAgent::GetVersion: update version not found"));
 }
 
 }  // namespace
