@@ -129,8 +129,7 @@ TEST(CheckValuesTest, ConvertsEveryTypeAndSkipsUnusableValues) {
     });
     const RegistryValueMap expected{
         {L"KeyPath", L"HKLM\\X"}, {L"Dword", L"30"}, {L"Multi", std::wstring(L"a\0b\0\0", 5)},
-        {L"Odd", L"o"},
-        {L"Largest", std::wstring(4095, static_cast<wchar_t>(0x7979))}};
+        {L"Odd", L"o"}, {L"Largest", std::wstring(4095, static_cast<wchar_t>(0x7979))}};
     EXPECT_EQ(values, expected);
     EXPECT_EQ(values.count(L"keypath"), 1u);
     EXPECT_EQ(preflight::ShortenRootNames(L"HKEY_LOCAL_MACHINE\\A\\HKEY_USERS\\hkey_users"),

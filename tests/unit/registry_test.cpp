@@ -88,7 +88,7 @@ TEST_F(RegistryTest, WritesIntegersAtTheirWidthAndEverythingElseAsText) {
     EXPECT_FALSE(RegWriteValue(L"HKEY_LOCAL_MACHINE\\Software\\W\\S", L"x", regtype::kSz));
 }
 
-TEST_F(RegistryTest, VolatileKeysViewsAndEnumeration) {
+TEST_F(RegistryTest, VolatileKeysAndEnumeration) {
     // Only the last key is volatile: the product key above it keeps its values over a restart.
     const std::wstring agent = L"HKLM\\Software\\Quorvane\\Lumenar\\Agent";
     ASSERT_TRUE(RegWriteVolatileString(agent + L"\\UpdateStatusVolatile\\NeedReboot", L"1"));
@@ -96,20 +96,14 @@ TEST_F(RegistryTest, VolatileKeysViewsAndEnumeration) {
     EXPECT_FALSE(fake::IsVolatileKey(agent));
     EXPECT_EQ(RegReadString(agent + L"\\UpdateStatusVolatile\\NeedReboot"), L"1");
 
-    ASSERT_TRUE(RegWriteValue(L"HKLM\\Software\\V\\Where", L"32", regtype::kSz, true));
-    EXPECT_EQ(RegReadString(L"HKLM\\Software\\V\\Where", L"none"), L"none");
-    EXPECT_EQ(RegReadString(L"HKLM\\Software\\WOW6432Node\\V\\Where", L"none"), L"32");
-
     fake::CreateRegistryKey(L"HKLM\\Software\\E\\b");
     fake::CreateRegistryKey(L"HKLM\\Software\\E\\a");
     fake::SetRegistryString(L"HKLM\\Software\\E\\Z", L"z");
     fake::SetRegistryValue(L"HKLM\\Software\\E\\y", {regtype::kBinary, {5}});
     EXPECT_EQ(RegEnumSubkeys(L"HKLM\\Software\\E\\"), (std::vector<std::wstring>{L"b", L"a"}));
-    EXPECT_TRUE(RegEnumSubkeys(L"BAD\\Software\\E").empty());
     EXPECT_EQ(RegReadAllValues(L"HKLM\\Software\\E"),
               (RegistryValueMap{{L"y", L""}, {L"Z", L"z"}}));
     EXPECT_EQ(RegReadAllValues(L"HKLM\\Software\\E").count(L"Y"), 1u);
-    EXPECT_TRUE(RegReadAllValues(L"HKLM\\Software\\Missing").empty());
     EXPECT_EQ(RegKeyExistsInMachineOrUser(Hive::CurrentUser, L"Software"),
               (std::pair<bool, std::wstring>{false, L"HKCU"}));
     EXPECT_EQ(RegKeyExistsInMachineOrUser(Hive::LocalMachine, L"Software\\E"),
