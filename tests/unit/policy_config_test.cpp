@@ -1,164 +1,96 @@
 #include "state/policy_config.h"
 
-#include <optional>
 #include <vector>
 
 #include "test_support.h"
 
 namespace {
 
-using CORE::LegacyPolicyPath;
 using CORE::ReadWithLegacyFallback;
 
-// ---- Path mapping ----
-
-class LegacyPolicyPathTest
-    : public ::testing::TestWithParam<std::pair<const wchar_t*, const wchar_t*>> {};
-
-TEST_P(LegacyPolicyPathTest, MapsCurrentKeysToTheFormerPolicyKeys) {
-    EXPECT_EQ(LegacyPolicyPath(GetParam().first), GetParam().second) << GetParam().first;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Paths, LegacyPolicyPathTest,
-    ::testing::Values(
-        std::pair{L"Software\\Other Vendor\\Lumenar\\Agent", L""},
-        std::pair{L"Software\\Quorvane\\Lumenar", L"Software\\Policies\\Tessix, Inc.\\Tessix KDX"},
-        std::pair{L"software\\QUORVANE\\lumenar\\",
-                  L"Software\\Policies\\Tessix, Inc.\\Tessix KDX"},
-        std::pair{L"Software\\Quorvane\\Lumenar\\Agent",
-                  L"Software\\Policies\\Tessix, Inc.\\Tessix KDX\\Agent"},
-        // The component is matched in any case; the tail keeps its own.
-        std::pair{L"Software\\Quorvane\\Lumenar\\AGENT\\Update\\Sub",
-                  L"Software\\Policies\\Tessix, Inc.\\Tessix KDX\\Agent\\Update\\Sub"},
-        std::pair{L"Software\\Quorvane\\Lumenar\\Broker\\Update", L""},
-        std::pair{L"Software\\Quorvane\\LumenarX\\Agent", L""},
-        std::pair{L"Software\\Quorvane", L""}, std::pair{L"", L""}));
-
-TEST(PolicyPath, InsertsPoliciesAfterTheFirstComponent) {
-    EXPECT_EQ(CORE::PolicyPath(L"Software\\Quorvane\\Lumenar\\Agent"),
-              L"Software\\Policies\\Quorvane\\Lumenar\\Agent");
+TEST(PolicyPathTest, MapsCurrentKeysToThePolicyKeys) {
+    const std::wstring old = L"Software\\Policies\\Tessix, Inc.\\Tessix KDX";
+    const std::wstring product = L"Software\\Quorvane\\Lumenar";
+    const std::pair<std::wstring, std::wstring> rows[] = {
+        {L"Software\\Other Vendor\\Lumenar\\Agent", L""}, {product, old},
+        {L"software\\QUORVANE\\lumenar\\", old},          {product + L"\\Agent", old + L"\\Agent"},
+        {product + L"\\AGENT\\Update\\Sub", old + L"\\Agent\\Update\\Sub"},
+        {product + L"\\Broker\\Update", L""},             {product + L"X\\Agent", L""},
+        {L"Software\\Quorvane", L""},                     {L"", L""}};
+    for (const auto& [path, legacy] : rows) EXPECT_EQ(CORE::LegacyPolicyPath(path), legacy) << path;
+    EXPECT_EQ(CORE::PolicyPath(product), L"Software\\Policies\\Quorvane\\Lumenar");
     EXPECT_EQ(CORE::PolicyPath(L"Software"), L"Software\\Policies");
 }
 
-// ---- The FallbackToLegacyGPO switch ----
-
-constexpr const wchar_t* kPolicySwitch =
-    L"HKLM\\Software\\Policies\\Quorvane\\Lumenar\\FallbackToLegacyGPO";
-constexpr const wchar_t* kPlainSwitch = L"HKLM\\Software\\Quorvane\\Lumenar\\FallbackToLegacyGPO";
-
-struct SwitchCase {
-    std::optional<std::wstring> policy;
-    std::optional<std::wstring> plain;
-    bool enabled;
-};
-
-class FallbackSwitchTest : public ToolTest, public ::testing::WithParamInterface<SwitchCase> {};
-
-TEST_P(FallbackSwitchTest, PolicyDecidesThenThePlainKeyThenOn) {
-    const SwitchCase& c = GetParam();
-    if (c.policy) fake::SetRegistryString(kPolicySwitch, *c.policy);
-    if (c.plain) fake::SetRegistryString(kPlainSwitch, *c.plain);
-    EXPECT_EQ(CORE::IsFallbackToLegacyGPOEnabled(), c.enabled);
+// Where a setting can be: the current policy key, the former product's policy key, the plain key;
+// each in the user's (u) and the machine's (m) root.
+enum Place { uPol, mPol, uOld, mOld, uKey, mKey };
+std::wstring PlacePath(Place p) {
+    const wchar_t* const kinds[] = {L"Policies\\Quorvane\\Lumenar",
+                                    L"Policies\\Tessix, Inc.\\Tessix KDX", L"Quorvane\\Lumenar"};
+    return std::wstring(p % 2 ? L"HKLM" : L"HKCU") + L"\\Software\\" + kinds[p / 2] +
+           L"\\Agent\\Update\\Setting";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Settings, FallbackSwitchTest,
-    ::testing::Values(SwitchCase{std::nullopt, std::nullopt, true},
-                      SwitchCase{L"0", L"true", false}, SwitchCase{L"false", L"true", false},
-                      SwitchCase{L"", L"false", false}, SwitchCase{L"", std::nullopt, true},
-                      SwitchCase{std::nullopt, L"0", false}, SwitchCase{L"Yes", L"0", true},
-                      SwitchCase{L"ON", std::nullopt, true}, SwitchCase{L"1", L"false", true}));
-
-// ---- Lookup order ----
-
-// Every place a value can come from, in the order the reader tries them.
-enum Place { kUserPolicy, kUserLegacy, kMachinePolicy, kMachineLegacy, kUserPlain, kMachinePlain };
-
-std::wstring PlacePath(Place place) {
-    static const wchar_t* const kPaths[] = {
-        L"HKCU\\Software\\Policies\\Quorvane\\Lumenar\\Agent\\Update\\Setting",
-        L"HKCU\\Software\\Policies\\Tessix, Inc.\\Tessix KDX\\Agent\\Update\\Setting",
-        L"HKLM\\Software\\Policies\\Quorvane\\Lumenar\\Agent\\Update\\Setting",
-        L"HKLM\\Software\\Policies\\Tessix, Inc.\\Tessix KDX\\Agent\\Update\\Setting",
-        L"HKCU\\Software\\Quorvane\\Lumenar\\Agent\\Update\\Setting",
-        L"HKLM\\Software\\Quorvane\\Lumenar\\Agent\\Update\\Setting"};
-    return kPaths[place];
-}
-
-struct OrderCase {
-    const wchar_t* root;
-    std::vector<Place> present;  // each holds its own path as text
-    Place expected;
-};
-
-class LookupOrderTest : public ToolTest, public ::testing::WithParamInterface<OrderCase> {};
-
-TEST_P(LookupOrderTest, TakesTheFirstPlaceThatHasTheValue) {
-    const OrderCase& c = GetParam();
-    for (Place place : c.present) fake::SetRegistryString(PlacePath(place), PlacePath(place));
-    std::wstring value, place;
-    const std::wstring path =
-        std::wstring(c.root) + L"\\Software\\Quorvane\\Lumenar\\Agent\\Update\\Setting";
-    ASSERT_EQ(ReadWithLegacyFallback(path, value, false, &place), 0u);
-    EXPECT_EQ(value, PlacePath(c.expected));
-    EXPECT_EQ(place, PlacePath(c.expected));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Places, LookupOrderTest,
-    ::testing::Values(
-        OrderCase{L"HKLM", {kMachinePolicy, kMachineLegacy, kMachinePlain}, kMachinePolicy},
-        OrderCase{L"HKLM", {kMachineLegacy, kMachinePlain}, kMachineLegacy},
-        OrderCase{L"hklm", {kMachinePlain, kUserPolicy}, kMachinePlain},
-        OrderCase{
-            L"HKCU",
-            {kUserPolicy, kUserLegacy, kMachinePolicy, kMachineLegacy, kUserPlain, kMachinePlain},
-            kUserPolicy},
-        OrderCase{L"HKCU",
-                  {kUserLegacy, kMachinePolicy, kMachineLegacy, kUserPlain, kMachinePlain},
-                  kUserLegacy},
-        OrderCase{
-            L"HKCU", {kMachinePolicy, kMachineLegacy, kUserPlain, kMachinePlain}, kMachinePolicy},
-        OrderCase{L"HKCU", {kMachineLegacy, kUserPlain, kMachinePlain}, kMachineLegacy},
-        OrderCase{L"HKCU", {kUserPlain, kMachinePlain}, kUserPlain},
-        OrderCase{L"HKCU", {kMachinePlain}, kMachinePlain}));
-
-class PolicyReadTest : public ToolTest {};
-
-TEST_F(PolicyReadTest, SwitchedOffFallbackSkipsEveryLegacyPolicyKey) {
-    fake::SetRegistryString(kPolicySwitch, L"0");
-    for (Place place : {kUserLegacy, kMachineLegacy, kMachinePlain})
-        fake::SetRegistryString(PlacePath(place), PlacePath(place));
-    for (const wchar_t* root : {L"HKLM", L"HKCU"}) {
-        std::wstring value;
-        ReadWithLegacyFallback(
-            std::wstring(root) + L"\\Software\\Quorvane\\Lumenar\\Agent\\Update\\Setting", value);
-        EXPECT_EQ(value, PlacePath(kMachinePlain)) << root;
+// The former product's policies count unless FallbackToLegacyGPO says no: its policy value if not
+// empty, else its plain value.
+TEST(PolicyOrderTest, TakesTheFirstPlaceThatHasTheValue) {
+    // The switches: nullptr not set. Each place present holds its own path as text.
+    const struct { const wchar_t *root, *policy, *plain; std::vector<Place> has; Place expected; }
+        rows[] = {
+        {L"HKLM", nullptr, nullptr, {mPol, mOld, mKey}, mPol},
+        {L"HKLM", nullptr, nullptr, {mOld, mKey}, mOld},
+        {L"hklm", nullptr, nullptr, {mKey, uPol}, mKey},
+        {L"HKCU", nullptr, nullptr, {uPol, uOld, mPol, mOld, uKey, mKey}, uPol},
+        {L"HKCU", nullptr, nullptr, {uOld, mPol, mOld, uKey, mKey}, uOld},
+        {L"HKCU", nullptr, nullptr, {mPol, mOld, uKey, mKey}, mPol},
+        {L"HKCU", nullptr, nullptr, {mOld, uKey, mKey}, mOld},
+        {L"HKCU", nullptr, nullptr, {uKey, mKey}, uKey},
+        {L"HKCU", nullptr, nullptr, {mKey}, mKey},
+        {L"HKCU", L"0", L"true", {uOld, mOld, mKey}, mKey},
+        {L"HKLM", L"", L"false", {mOld, mKey}, mKey},
+        {L"HKLM", L"", nullptr, {mOld, mKey}, mOld},
+        {L"HKLM", nullptr, L"0", {mOld, mKey}, mKey},
+        {L"HKLM", L"Yes", L"0", {mOld, mKey}, mOld},
+        {L"HKLM", L"1", L"false", {mOld, mKey}, mOld},
+    };
+    const std::wstring fallback = L"Quorvane\\Lumenar\\FallbackToLegacyGPO";
+    for (const auto& r : rows) {
+        SCOPED_TRACE(testing::Message() << (&r - rows));
+        fake::FakePlatformScope scope;
+        if (r.policy)
+            fake::SetRegistryString(L"HKLM\\Software\\Policies\\" + fallback, r.policy);
+        if (r.plain) fake::SetRegistryString(L"HKLM\\Software\\" + fallback, r.plain);
+        for (Place place : r.has) fake::SetRegistryString(PlacePath(place), PlacePath(place));
+        std::wstring value, place;
+        const std::wstring path =
+            std::wstring(r.root) + L"\\Software\\Quorvane\\Lumenar\\Agent\\Update\\Setting";
+        ASSERT_EQ(ReadWithLegacyFallback(path, value, false, &place), 0u);
+        EXPECT_EQ(value, PlacePath(r.expected));
+        EXPECT_EQ(place, PlacePath(r.expected));
     }
 }
 
-TEST_F(PolicyReadTest, ValuesAreReadAsTextAndNonTextDoesNotHideTheNextPlace) {
-    fake::SetRegistryValue(PlacePath(kMachinePolicy), {platform::regtype::kBinary, {1, 2}});
-    fake::SetRegistryDword(PlacePath(kMachinePlain), 0x1E);
-    EXPECT_EQ(CORE::ReadStringWithLegacyFallback(PlacePath(kMachinePlain), L"d"), L"30");
-}
+TEST(PolicyOrderTest, NonTextIsSkippedAndAMissingValueLeavesTheLastStatus) {
+    fake::FakePlatformScope scope;
+    fake::SetRegistryValue(PlacePath(mPol), {platform::regtype::kBinary, {1, 2}});
+    fake::SetRegistryDword(PlacePath(mKey), 0x1E);
+    EXPECT_EQ(CORE::ReadStringWithLegacyFallback(PlacePath(mKey), L"d"), L"30");
 
-TEST_F(PolicyReadTest, MissingValueEmptiesTheBufferAndSetsTheLastStatus) {
+    const std::wstring missing = PlacePath(uKey) + L"2";
     std::wstring value = L"stale", place = L"stale";
-    EXPECT_EQ(ReadWithLegacyFallback(PlacePath(kMachinePlain), value, false, &place), 2u);
-    EXPECT_EQ(Platform().lastError, 2u);
-    EXPECT_EQ(value, L"");
-    EXPECT_EQ(place, L"");
-    EXPECT_EQ(CORE::ReadStringWithLegacyFallback(PlacePath(kMachinePlain), L"dflt"), L"dflt");
-
+    EXPECT_EQ(ReadWithLegacyFallback(missing, value, false, &place), 2u);
+    EXPECT_EQ(fake::State().lastError, 2u);
+    EXPECT_EQ(value + place, L"");
+    EXPECT_EQ(CORE::ReadStringWithLegacyFallback(missing, L"dflt"), L"dflt");
     // The status is the last place's: here the plain key refuses access.
-    Platform().deniedKeys.insert(L"HKLM\\Software\\Quorvane\\Lumenar\\Agent\\Update");
-    EXPECT_EQ(ReadWithLegacyFallback(PlacePath(kMachinePlain), value), 5u);
-    EXPECT_EQ(Platform().lastError, 5u);
-
+    fake::State().deniedKeys.insert(L"HKLM\\Software\\Quorvane\\Lumenar\\Agent\\Update");
+    EXPECT_EQ(ReadWithLegacyFallback(PlacePath(mKey), value), 5u);
+    EXPECT_EQ(fake::State().lastError, 5u);
+    value = L"stale";
     EXPECT_EQ(ReadWithLegacyFallback(L"HKEY_LOCAL_MACHINE\\Software\\X\\V", value), 3u);
-    EXPECT_EQ(Platform().lastError, 3u);
+    EXPECT_EQ(fake::State().lastError, 3u);
+    EXPECT_EQ(value, L"");
 }
 
 }  // namespace
