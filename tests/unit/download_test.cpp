@@ -96,7 +96,6 @@ struct CertCase {
     const char* trustCall;
     std::vector<std::string> pins;
 };
-
 class CertificateModeTest : public DownloadTest, public ::testing::WithParamInterface<CertCase> {};
 
 TEST_P(CertificateModeTest, HandsTheLibraryOnlyWhatTheModeNames) {
@@ -159,9 +158,8 @@ struct ConfigFaultCase {
     bool libraryPresent;
     const wchar_t *result, *errorCode, *line;  // line: after "Util_DoDownload: "
 };
-
-class ConfigurationFaultTest : public DownloadTest,
-                               public ::testing::WithParamInterface<ConfigFaultCase> {};
+using ConfigFaultParam = testing::WithParamInterface<ConfigFaultCase>;
+class ConfigurationFaultTest : public DownloadTest, public ConfigFaultParam {};
 
 // A fault in the record is the administrator's to fix whatever the library's state; only a valid
 // record can fail for want of the library.

@@ -153,7 +153,7 @@ TEST_F(UpdateRecordTest, UnknownAgentFailsOnlyWithAFileName) {
     }
 }
 
-TEST_F(UpdateRecordTest, PreflightFlagIsTheCurrentRootsAndEnabledFollowsPolicy) {
+TEST_F(UpdateRecordTest, PreflightFlagIsReadUnderTheCurrentRootOnly) {
     EXPECT_FALSE(ReadPreflightCheckComplete());  // no update
     Record().keyId = L"u1";
     Record().legacyUpgradeDetected = true;
@@ -161,11 +161,6 @@ TEST_F(UpdateRecordTest, PreflightFlagIsTheCurrentRootsAndEnabledFollowsPolicy) 
     EXPECT_FALSE(ReadPreflightCheckComplete());
     fake::SetRegistryDword(CurrentUpdates() + L"u1\\PreflightCheckComplete", 1);
     EXPECT_TRUE(ReadPreflightCheckComplete());
-
-    EXPECT_TRUE(ReadUpdateEnabled());
-    fake::SetRegistryString(CurrentUpdates() + L"Enabled", L"1");
-    fake::SetRegistryString(kPolicy + L"Enabled", L"0");
-    EXPECT_FALSE(ReadUpdateEnabled());
 }
 
 // Start-up settings: parsed up to their type's limits, else the default with a line.

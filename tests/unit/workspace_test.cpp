@@ -66,15 +66,10 @@ TEST_F(WorkspaceTest, ExistingWorkspaceThatCannotBeMadePrivateIsUsedWithAWarning
 // Administrators or this account is used (and made private); anything else another account could
 // still change before the install is moved aside with one line, and a private folder created.
 enum class Planted { kAbsent, kFolder, kFile, kLink, kUnopenable };
-struct PlantedRow {
-    Planted planted;
-    OwnerKind owner;
-    const wchar_t* account;
-    const wchar_t* moved;  // "(<what>, owner <account>)" in the line; nullptr: used in place
+// moved: "(<what>, owner <account>)" in the line; nullptr: used in place
+struct PlantedRow { Planted planted; OwnerKind owner; const wchar_t *account, *moved; };
+class PlantedWorkspaceTest : public WorkspaceTest, public testing::WithParamInterface<PlantedRow> {
 };
-
-class PlantedWorkspaceTest : public WorkspaceTest,
-                             public ::testing::WithParamInterface<PlantedRow> {};
 
 TEST_P(PlantedWorkspaceTest, IsUsedOrMovedAsideAndCreatedAfresh) {
     const PlantedRow& row = GetParam();
