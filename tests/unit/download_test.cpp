@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "app/entry.h"
 #include "fake_content_client.h"
 #include "kesclient/kesclient.h"
 #include "state/registry.h"
@@ -11,7 +10,8 @@
 
 namespace {
 
-constexpr const wchar_t* kWorkspace = L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data";
+std::wstring Text(const wchar_t* text) { return text; }
+const std::wstring kWorkspace = L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data";
 
 class DownloadTest : public ToolTest {
 protected:
@@ -24,85 +24,78 @@ protected:
         r.state = update_state::kDownload;
         r.agent = L"OTHER";
         r.certType = L"CERT_SYSTEM_CA";
-        r.urls = {L"https://cdn.example/pkg/agent-8.13.msi", L"https://mirror.example/agent-8.13.msi"};
+        r.urls = {L"https://cdn.example/pkg/agent-8.13.msi", L"https://mirror.example/a.msi"};
         r.proxies = {L"proxy1:8080"};
         r.pacUrl = L"https://pac.example/proxy.pac";
         r.fileSize = L"4096";
         r.checksum = L"sha256:ab";
     }
-    UpdateRecord& Record() { return ActiveUpdateRecord(); }
     fake::ContentClientState& Client() { return fake::ContentClient(); }
 };
 
 TEST_F(DownloadTest, HandsTheWholeJobToTheLibraryInOrder) {
     EXPECT_FALSE(Util_DoDownload());
-    EXPECT_EQ(Client().calls,
-              (std::vector<std::string>{"useSystemStore", "createDownload",
-                                        std::string("runDownloads ") +
-                                            "C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data 1",
-                                        "releaseDownload"}));
-    EXPECT_TRUE(Client().systemStore);
-    EXPECT_EQ(Client().id, "{5A1E}");
-    EXPECT_EQ(Client().expectedSize, 4096);
-    EXPECT_EQ(Client().verifySize, 1);
-    EXPECT_EQ(Client().reserved, 0);
-    EXPECT_EQ(Client().urls.size(), 2u);
-    EXPECT_EQ(Client().proxies, std::vector<std::string>{"proxy1:8080"});
-    EXPECT_EQ(Client().pacUrl, "https://pac.example/proxy.pac");
-    EXPECT_EQ(Client().checksum, "sha256:ab");
-    EXPECT_EQ(Client().payloadType, KESCLIENT_PAYLOAD_EXE);
-    EXPECT_EQ(Client().liveDownloads, 0);
+    const std::string run = "runDownloads " + core::Utf8FromWide(kWorkspace) + " 1";
+    EXPECT_EQ(Client().calls, (std::vector<std::string>{"useSystemStore", "createDownload", run,
+                                                         "releaseDownload"}));
+    const auto& l = Client();
+    EXPECT_EQ(l.id + " " + l.pacUrl + " " + l.checksum + " " + l.proxies.at(0) + " " + l.urls[1],
+              "{5A1E} https://pac.example/proxy.pac sha256:ab proxy1:8080 "
+              "https://mirror.example/a.msi");
+    EXPECT_EQ(std::tuple(l.systemStore, l.verifySize, l.reserved, l.liveDownloads, l.urls.size()),
+              std::tuple(true, 1, 0, 0, 2u));
     EXPECT_EQ(Record().result, L"OK");
-    EXPECT_EQ(Record().fileName, std::wstring(kWorkspace) + L"\\agent-8.13.msi");
-    EXPECT_EQ(DownloadedFilePath(), Record().fileName);
-    EXPECT_TRUE(Logged(L"Util_DoDownload: Update key: {5A1E} state: DOWNLOAD\r\n"));
-    EXPECT_TRUE(Logged(L"Util_DoDownload: localPath: " + std::wstring(kWorkspace) + L" workspace: " +
-                       kWorkspace + L" localFile: " + Record().fileName +
-                       L" payloadType: KesClientPayloadType::EXE\r\n"));
-    EXPECT_TRUE(Logged(L"Util_DoDownload: download done\r\n"));
+    EXPECT_EQ(DownloadedFilePath(), kWorkspace + L"\\agent-8.13.msi");
+    EXPECT_TRUE(LoggedLine(L"Util_DoDownload: Update key: {5A1E} state: DOWNLOAD"));
+    EXPECT_TRUE(LoggedLine(L"Util_DoDownload: localPath: " + kWorkspace + L" workspace: " +
+                           kWorkspace + L" localFile: " + Record().fileName +
+                           L" payloadType: KesClientPayloadType::EXE"));
+    EXPECT_TRUE(LoggedLine(L"Util_DoDownload: download done"));
 }
 
-struct PathCase {
-    const wchar_t* url;
-    const wchar_t* folder;
-    const wchar_t* package;
-    int payload;
-    const wchar_t* local;  // after the workspace
-};
-
-class LocalPathTest : public DownloadTest, public ::testing::WithParamInterface<PathCase> {};
-
-TEST_P(LocalPathTest, FirstUrlNamesTheFileAndTheKind) {
-    Record().urls = {GetParam().url};
-    Record().relativeFolderPath = GetParam().folder;
-    Record().packageFileName = GetParam().package;
-    Util_DoDownload();
-    EXPECT_EQ(Client().payloadType, GetParam().payload);
-    EXPECT_EQ(Record().fileName, std::wstring(kWorkspace) + GetParam().local);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Urls, LocalPathTest,
-    ::testing::Values(
-        PathCase{L"https://h/p/package.tar.gz", L"agent", L"setup.exe", 1, L"\\agent\\setup.exe"},
-        PathCase{L"https://h/p/PACKAGE.TAR", L"", L"setup.exe", 1, L"\\setup.exe"},
-        PathCase{L"https://h/p/package.tgz", L"", L"", 0, L"\\package.tgz"},
-        PathCase{L"https://h/p/package.tar.gz", L"a/b", L"", 1, L"\\a\\b"},
-        PathCase{L"https://h/p/setup.exe", L"ignored", L"ignored", 0, L"\\setup.exe"},
+// The first URL's last component names the file and the kind (1: an archive, unpacked);
+// FILESIZE the expected size, 0 when it is no size.
+TEST_F(DownloadTest, FirstUrlNamesTheFileAndTheKindAndFileSizeTheSize) {
+    struct Row { const wchar_t *url, *dir, *pkg; int kind; const wchar_t *to, *size; int64_t n; };
+    // clang-format off
+    const Row rows[] = {
+        {L"https://h/p/package.tar.gz", L"agent", L"setup.exe", 1, L"\\agent\\setup.exe", L" 12 ",
+         12},
+        {L"https://h/p/PACKAGE.TAR", L"", L"setup.exe", 1, L"\\setup.exe", L"x", 0},
+        {L"https://h/p/package.tgz", L"", L"", 0, L"\\package.tgz", L"-1", 0},
+        {L"https://h/p/package.tar.gz", L"a/b", L"", 1, L"\\a\\b", L"", 0},
+        {L"https://h/p/setup.exe", L"ignored", L"ignored", 0, L"\\setup.exe", L"0", 0},
         // A zip archive is handed over as a plain file: the library never unpacks one.
-        PathCase{L"https://h/p/bundle.zip", L"", L"", 0, L"\\bundle.zip"},
-        PathCase{L"https:\\\\h\\p\\back.msi", L"", L"", 0, L"\\back.msi"}));
+        {L"https://h/p/bundle.zip", L"", L"", 0, L"\\bundle.zip", L"9223372036854775807",
+         INT64_MAX},
+        {L"https:\\\\h\\p\\back.msi", L"", L"", 0, L"\\back.msi", L"4096", 4096}};
+    // clang-format on
+    for (const Row& c : rows) {
+        SCOPED_TRACE(c.url);
+        Record().fileName.clear();
+        Record().urls = {c.url};
+        Record().relativeFolderPath = c.dir;
+        Record().packageFileName = c.pkg;
+        Record().fileSize = c.size;
+        Util_DoDownload();
+        EXPECT_EQ(Client().payloadType, c.kind);
+        EXPECT_EQ(Record().fileName, kWorkspace + c.to);
+        EXPECT_EQ(Client().expectedSize, c.n);
+    }
+    EXPECT_TRUE(Logged(L" payloadType: KesClientPayloadType::TAR\r\n"));
+    EXPECT_EQ(KesClientPayloadTypeName(2), L"KesClientPayloadType::ZIP");
+    EXPECT_EQ(KesClientPayloadTypeName(7), L"PayloadType ERR_7");
+}
 
+// withThumbprints: METADATA holds "", "AB:CD"; trustCall: the library's trust set-up before
+// createDownload, "" for none; line: after "Util_DoDownload: ".
 struct CertCase {
     const wchar_t* certType;
-    bool pemExists;
-    bool withThumbprints;  // METADATA holds "", "AB:CD"
-    const wchar_t* line;   // after "Util_DoDownload: "
-    const wchar_t* result;
-    const char* trustCall;  // the library's trust set-up before createDownload; "" for none
+    bool pemExists, withThumbprints;
+    const wchar_t *line, *result;
+    const char* trustCall;
     std::vector<std::string> pins;
 };
-
 class CertificateModeTest : public DownloadTest, public ::testing::WithParamInterface<CertCase> {};
 
 TEST_P(CertificateModeTest, HandsTheLibraryOnlyWhatTheModeNames) {
@@ -114,7 +107,7 @@ TEST_P(CertificateModeTest, HandsTheLibraryOnlyWhatTheModeNames) {
         Platform().files[L"C:\\Agent\\cert\\cacert.pem"] = {};
     }
     EXPECT_FALSE(Util_DoDownload());
-    EXPECT_TRUE(Logged(std::wstring(L"Util_DoDownload: ") + c.line + L"\r\n"));
+    EXPECT_TRUE(LoggedLine(std::wstring(L"Util_DoDownload: ") + c.line));
     EXPECT_EQ(Record().result, c.result);
     if (std::wstring(c.result) == L"INVALID") {
         EXPECT_TRUE(Client().calls.empty());
@@ -128,47 +121,45 @@ TEST_P(CertificateModeTest, HandsTheLibraryOnlyWhatTheModeNames) {
 }
 
 constexpr const wchar_t* kNoThumbprints =
-    L"CertType is specified as THUMBPRINT, but thumbprints are not provided for server cert "
-    L"validation. ";
+    L"CertType is specified as THUMBPRINT, but thumbprints are "
+    L"not provided for server cert validation. ";
+constexpr const wchar_t* kNoPem =
+    L"CertType is specified as CERT_PEM, but certificate PEM filePath is empty";
 constexpr const char* kPemCall = "usePemFile C:\\Agent\\cert\\cacert.pem";
-constexpr const wchar_t* kPemLine = L"certificate PEM filePath: C:\\Agent\\cert\\cacert.pem";
-constexpr const wchar_t* kPinLine =
+constexpr const wchar_t* kPem = L"certificate PEM filePath: C:\\Agent\\cert\\cacert.pem";
+constexpr const wchar_t* kPins =
     L"Using thumbprints for verifying server certificate. Thumbprint count: 2";
-const std::vector<std::string> kNoPins;
+constexpr const wchar_t* kNoType = L"certificate type not specified";
+constexpr const wchar_t* kBadType = L"Invalid certificate type specified";
+constexpr const wchar_t* kSystem = L"Using system CA for certificate type";
+const std::vector<std::string> kNone;
 
-INSTANTIATE_TEST_SUITE_P(
-    Types, CertificateModeTest,
-    ::testing::Values(
-        CertCase{L"", true, false, L"certificate type not specified", L"INVALID", "", kNoPins},
-        CertCase{L"", true, true, L"certificate type not specified", L"INVALID", "", kNoPins},
-        CertCase{L"CERT_PEM", true, false, kPemLine, L"OK", kPemCall, kNoPins},
-        // The PEM file decides even when METADATA names the server's certificate.
-        CertCase{L"cert_pem", true, true, kPemLine, L"OK", kPemCall, kNoPins},
-        CertCase{L"CERT_PEM", false, true,
-                 L"CertType is specified as CERT_PEM, but certificate PEM filePath is empty",
-                 L"INVALID", "", kNoPins},
-        CertCase{L"CERT_PEMX", true, true, L"Invalid certificate type specified", L"INVALID", "",
-                 kNoPins},
-        CertCase{L"THUMBPRINT", true, false, kNoThumbprints, L"INVALID", "", kNoPins},
-        // Empty entries count but are not handed on.
-        CertCase{L"Thumbprint", true, true, kPinLine, L"OK", "", {"AB:CD"}},
-        CertCase{L"THUMBPRINT ", false, true, L"Invalid certificate type specified", L"INVALID", "",
-                 kNoPins},
-        CertCase{L"CERT_SYSTEM_CA", false, false, L"Using system CA for certificate type", L"OK",
-                 "useSystemStore", kNoPins},
-        // The system store decides even when METADATA names a self-signed server.
-        CertCase{L"cert_System_CA", true, true, L"Using system CA for certificate type", L"OK",
-                 "useSystemStore", kNoPins}));
+using C = CertCase;
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Types, CertificateModeTest, ::testing::Values(
+    C{L"", true, false, kNoType, L"INVALID", "", kNone},
+    C{L"", true, true, kNoType, L"INVALID", "", kNone},
+    C{L"CERT_PEM", true, false, kPem, L"OK", kPemCall, kNone},
+    // The PEM file decides even when METADATA names the server's certificate.
+    C{L"cert_pem", true, true, kPem, L"OK", kPemCall, kNone},
+    C{L"CERT_PEM", false, true, kNoPem, L"INVALID", "", kNone},
+    C{L"CERT_PEMX", true, true, kBadType, L"INVALID", "", kNone},
+    C{L"THUMBPRINT", true, false, kNoThumbprints, L"INVALID", "", kNone},
+    // Empty entries count but are not handed on.
+    C{L"Thumbprint", true, true, kPins, L"OK", "", {"AB:CD"}},
+    C{L"THUMBPRINT ", false, true, kBadType, L"INVALID", "", kNone},
+    C{L"CERT_SYSTEM_CA", false, false, kSystem, L"OK", "useSystemStore", kNone},
+    // The system store decides even when METADATA names a self-signed server.
+    C{L"cert_System_CA", true, true, kSystem, L"OK", "useSystemStore", kNone}));
+// clang-format on
 
 struct ConfigFaultCase {
     const char* fault;
     bool libraryPresent;
-    const wchar_t* result;
-    const wchar_t* errorCode;
+    const wchar_t *result, *errorCode, *line;  // line: after "Util_DoDownload: "
 };
-
-class ConfigurationFaultTest : public DownloadTest,
-                               public ::testing::WithParamInterface<ConfigFaultCase> {};
+using ConfigFaultParam = testing::WithParamInterface<ConfigFaultCase>;
+class ConfigurationFaultTest : public DownloadTest, public ConfigFaultParam {};
 
 // A fault in the record is the administrator's to fix whatever the library's state; only a valid
 // record can fail for want of the library.
@@ -180,100 +171,88 @@ TEST_P(ConfigurationFaultTest, IsInvalidWhateverTheLibrary) {
     if (fault == "no PEM file") Record().certType = L"CERT_PEM";
     if (fault == "no thumbprints") Record().certType = L"THUMBPRINT";
     if (fault == "no URL") Record().urls.clear();
+    if (fault == "unpaired surrogate") Record().proxies = {std::wstring(1, wchar_t(0xD800))};
     Client().available = c.libraryPresent;
-    Record().errorCode = L"";
     EXPECT_FALSE(Util_DoDownload());
     EXPECT_EQ(Record().result, c.result);
     EXPECT_EQ(Record().errorCode, c.errorCode);
-    if (fault != "none") {
-        EXPECT_TRUE(Client().calls.empty());
-    } else if (!c.libraryPresent) {
-        EXPECT_TRUE(Logged(L"Util_DoDownload: content client unavailable: cannot load "));
+    EXPECT_TRUE(Logged(std::wstring(L"Util_DoDownload: ") + c.line)) << LogText();
+    if (fault != "none") { EXPECT_TRUE(Client().calls.empty()); }
+}
+
+using F = ConfigFaultCase;
+constexpr const wchar_t* kNoUrl = L"download URL empty\r\n";
+constexpr const wchar_t* kNotUtf16 = L"update key holds text that is not valid UTF-16\r\n";
+constexpr const wchar_t* kNoLibrary = L"content client unavailable: cannot load ";
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Faults, ConfigurationFaultTest, ::testing::Values(
+    F{"no type", true, L"INVALID", L"", kNoType},
+    F{"no type", false, L"INVALID", L"", kNoType},
+    F{"unknown type", false, L"INVALID", L"", kBadType},
+    F{"no PEM file", true, L"INVALID", L"", kNoPem},
+    F{"no PEM file", false, L"INVALID", L"", kNoPem},
+    F{"no thumbprints", false, L"INVALID", L"", kNoThumbprints},
+    F{"no URL", true, L"INVALID", L"", kNoUrl},
+    F{"no URL", false, L"INVALID", L"", kNoUrl},
+    F{"unpaired surrogate", true, L"INVALID", L"", kNotUtf16},
+    F{"none", true, L"OK", L"", L"download done\r\n"},
+    F{"none", false, L"FAILURE", L"KESCLIENT_INIT_FAILED", kNoLibrary}));
+// clang-format on
+
+// A failing library: the result names the code inside the table, else the table's bound.
+TEST_F(DownloadTest, LibraryFailureIsRecordedAndTheDownloadStillReleased) {
+    const std::tuple<int, const wchar_t*, const wchar_t*> rows[] = {
+        {12, L" [KESCLIENT_TRANSFER_INVALID_URI_ERROR]", L"KESCLIENT_TRANSFER_INVALID_URI_ERROR"},
+        {13, L"", L"KESCLIENT_MAXCOUNT"},
+        {-1, L"", L"KESCLIENT_MAXCOUNT"}};
+    for (const auto& [code, name, errorCode] : rows) {
+        Client().runResult = code;
+        EXPECT_FALSE(Util_DoDownload());
+        EXPECT_EQ(Record().result + L" " + Record().errorCode, L"FAILURE " + Text(errorCode));
+        EXPECT_TRUE(LoggedLine(L"Util_DoDownload: download failed: " + std::to_wstring(code) +
+                               name));
+        EXPECT_EQ(Client().calls.back(), "releaseDownload");
+        EXPECT_EQ(Client().liveDownloads, 0);
     }
+    EXPECT_EQ(KesClientResultName(0), L"KESCLIENT_SUCCESS");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Faults, ConfigurationFaultTest,
-    ::testing::Values(ConfigFaultCase{"no type", true, L"INVALID", L""},
-                      ConfigFaultCase{"no type", false, L"INVALID", L""},
-                      ConfigFaultCase{"unknown type", false, L"INVALID", L""},
-                      ConfigFaultCase{"no PEM file", true, L"INVALID", L""},
-                      ConfigFaultCase{"no PEM file", false, L"INVALID", L""},
-                      ConfigFaultCase{"no thumbprints", false, L"INVALID", L""},
-                      ConfigFaultCase{"no URL", true, L"INVALID", L""},
-                      ConfigFaultCase{"no URL", false, L"INVALID", L""},
-                      ConfigFaultCase{"none", true, L"OK", L""},
-                      ConfigFaultCase{"none", false, L"FAILURE", L"KESCLIENT_INIT_FAILED"}));
-
-struct FailureCase {
-    int code;
-    const wchar_t* line;
-    const wchar_t* errorCode;
-};
-
-class LibraryFailureTest : public DownloadTest, public ::testing::WithParamInterface<FailureCase> {};
-
-TEST_P(LibraryFailureTest, RecordsTheFailureAndStillReleases) {
-    Client().runResult = GetParam().code;
-    EXPECT_FALSE(Util_DoDownload());
-    EXPECT_EQ(Record().result, L"FAILURE");
-    EXPECT_EQ(Record().errorCode, GetParam().errorCode);
-    EXPECT_TRUE(Logged(std::wstring(L"Util_DoDownload: ") + GetParam().line + L"\r\n"));
-    EXPECT_EQ(Client().calls.back(), "releaseDownload");
-    EXPECT_EQ(Client().liveDownloads, 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Codes, LibraryFailureTest,
-    ::testing::Values(
-        FailureCase{4, L"download failed: 4 [KESCLIENT_DOWNLOAD_PENDING]", L"KESCLIENT_DOWNLOAD_PENDING"},
-        FailureCase{11, L"download failed: 11 [KESCLIENT_WRONG_CHECKSUM_ERROR]",
-                    L"KESCLIENT_WRONG_CHECKSUM_ERROR"},
-        FailureCase{12, L"download failed: 12 [KESCLIENT_TRANSFER_INVALID_URI_ERROR]",
-                    L"KESCLIENT_TRANSFER_INVALID_URI_ERROR"},
-        FailureCase{13, L"download failed: 13", L"KESCLIENT_MAXCOUNT"},
-        FailureCase{-1, L"download failed: -1", L"KESCLIENT_MAXCOUNT"}));
-
+// Only DOWNLOAD downloads; UPDATING goes on, adopting an earlier package only inside the workspace.
 TEST_F(DownloadTest, OnlyDownloadStateDownloadsAndUpdatingGoesOn) {
-    for (int state : {update_state::kReady, update_state::kWait, update_state::kNoLogon,
-                      update_state::kDone, update_state::kInvalid}) {
+    // clang-format off
+    const std::tuple<int, std::wstring, bool, bool> rows[] = {
+        {update_state::kReady, kWorkspace + L"\\a.msi", false, false},
+        {update_state::kDone, kWorkspace + L"\\a.msi", false, false},
+        {update_state::kInvalid, kWorkspace + L"\\a.msi", false, false},
+        {update_state::kUpdating, L"c:\\users\\SVC\\appdata\\local\\temp\\UPDATETOOL-DATA\\a", true,
+         true},
+        {update_state::kUpdating, kWorkspace + L"\\", true, false},
+        {update_state::kUpdating, L"C:\\Windows\\System32\\kernel32.dll", true, false}};
+    // clang-format on
+    for (const auto& [state, file, goesOn, adopted] : rows) {
+        SCOPED_TRACE(file);
+        SetDownloadedFilePath({});
         Record().state = state;
-        EXPECT_FALSE(Util_DoDownload()) << state;
+        Record().fileName = file;
+        EXPECT_EQ(Util_DoDownload(), goesOn);
+        EXPECT_TRUE(Client().calls.empty());
+        EXPECT_EQ(DownloadedFilePath(), adopted ? file : L"");  // the install run may delete it
     }
-    Record().state = update_state::kUpdating;
-    Record().fileName = std::wstring(kWorkspace) + L"\\agent.msi";
-    EXPECT_TRUE(Util_DoDownload());
-    EXPECT_TRUE(Client().calls.empty());
-    EXPECT_EQ(DownloadedFilePath(), Record().fileName);  // the install run may delete it after
 }
 
-TEST_F(DownloadTest, UpdatingNeverAdoptsAFileOutsideTheWorkspace) {
-    Record().state = update_state::kUpdating;
-    Record().fileName = L"C:\\Windows\\System32\\kernel32.dll";
-    EXPECT_TRUE(Util_DoDownload());
-    EXPECT_EQ(DownloadedFilePath(), L"");
-}
-
-TEST_F(DownloadTest, RetryCountStartsOverForANewPackage) {
+TEST_F(DownloadTest, RetryCountStartsOverForANewPackageAndTheLogCallbackOncePerWorkspace) {
     Record().retry = 2;
     Util_DoDownload();
     EXPECT_EQ(Record().retry, 0);
     Record().retry = 2;  // FILENAME is set now: an attempt in progress keeps its count
     Util_DoDownload();
     EXPECT_EQ(Record().retry, 2);
-}
-
-TEST_F(DownloadTest, LogCallbackIsRegisteredOncePerWorkspace) {
+    Client().calls.clear();
     GetWorkspace();
     EXPECT_TRUE(Client().calls.empty());
     ResetWorkspaceForTesting();
     GetWorkspace();
     EXPECT_EQ(Client().calls, std::vector<std::string>{"setLogCallback"});
-}
-
-TEST(KesClientNames, PayloadTypeTableAndItsBound) {  // result names: LibraryFailureTest
-    EXPECT_EQ(KesClientPayloadTypeName(2), L"KesClientPayloadType::ZIP");
-    EXPECT_EQ(KesClientPayloadTypeName(7), L"PayloadType ERR_7");
 }
 
 }  // namespace

@@ -1,10 +1,16 @@
 #include "download/workspace.h"
 
+#include <optional>
+
 #include "platform/files.h"
 #include "state/registry.h"
 #include "test_support.h"
 
 namespace {
+
+const std::wstring kTemp = L"C:\\Users\\svc\\AppData\\Local\\Temp";
+const std::wstring kWorkspace = kTemp + L"\\updatetool-data";
+using platform::OwnerKind;
 
 class WorkspaceTest : public ToolTest {
 protected:
@@ -12,62 +18,58 @@ protected:
         ResetWorkspaceForTesting();
         return GetWorkspace();
     }
+    void Again() {  // a fresh run for the next row
+        fake::Reset();
+        StartLog();
+    }
 };
 
-TEST_F(WorkspaceTest, IsCreatedUnderTheTempFolderOnce) {
-    EXPECT_EQ(FreshWorkspace(), L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data");
-    EXPECT_TRUE(Platform().folders.count(L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data"));
-    EXPECT_TRUE(Platform().folderSecurity[L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data"].isPrivate);
-    Platform().tempFolder = L"D:\\elsewhere\\";
-    EXPECT_EQ(GetWorkspace(), L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data");
-}
-
-TEST_F(WorkspaceTest, UnusableTempPathFallsBackToCTemp) {
-    Platform().folders.insert(L"C:\\Temp");
-    for (std::uint32_t count : {0u, 261u, 4000u}) {
-        Platform().tempFolderResult = count;
-        EXPECT_EQ(FreshWorkspace(), L"C:\\Temp\\updatetool-data") << count;
+// Under the temp folder, made private, decided once a run; C:\Temp when the system's temp path
+// is unusable, and the temp folder itself when the subfolder cannot be created.
+TEST_F(WorkspaceTest, IsCreatedUnderAUsableTempFolderOnce) {
+    const std::wstring longTemp = L"C:\\" + std::wstring(256, L'x') + L"\\";
+    // count: the temp path API's result, nullopt for its own
+    struct Row { std::optional<std::uint32_t> count; std::wstring temp, uncreatable, expected; };
+    const Row rows[] = {
+        {std::nullopt, L"", L"", kWorkspace},
+        {0, L"", L"", L"C:\\Temp\\updatetool-data"},
+        {261, L"", L"", L"C:\\Temp\\updatetool-data"},
+        {260, longTemp, L"", longTemp + L"updatetool-data"},  // the largest that fits
+        {0, L"", L"C:\\Temp\\updatetool-data", L"C:\\Temp"},
+        {std::nullopt, L"", kWorkspace, kTemp}};
+    for (const Row& c : rows) {
+        SCOPED_TRACE(c.expected);
+        Again();
+        Platform().folders.insert(L"C:\\Temp");
+        Platform().folders.erase(kWorkspace);
+        Platform().tempFolderResult = c.count;
+        if (!c.temp.empty()) Platform().tempFolder = c.temp;
+        if (!c.temp.empty()) Platform().folders.insert(c.temp.substr(0, 259));
+        if (!c.uncreatable.empty()) Platform().uncreatableFolders.insert(c.uncreatable);
+        EXPECT_EQ(FreshWorkspace(), c.expected);
+        if (c.uncreatable.empty()) { EXPECT_TRUE(Platform().folderSecurity[c.expected].isPrivate); }
+        Platform().tempFolder = L"D:\\elsewhere\\";
+        EXPECT_EQ(GetWorkspace(), c.expected);
     }
-    Platform().tempFolderResult = 260;  // the largest count that fits
-    Platform().tempFolder = std::wstring(L"C:\\") + std::wstring(256, L'x') + L"\\";
-    Platform().folders.insert(Platform().tempFolder.substr(0, 259));
-    EXPECT_EQ(FreshWorkspace(), Platform().tempFolder + L"updatetool-data");
 }
-
-TEST_F(WorkspaceTest, UncreatableSubfolderFallsBackToTheTempFolder) {
-    Platform().tempFolderResult = 0;
-    Platform().uncreatableFolders.insert(L"C:\\Temp\\updatetool-data");
-    EXPECT_EQ(FreshWorkspace(), L"C:\\Temp");
-
-    Platform().tempFolderResult.reset();
-    Platform().folders.erase(L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data");
-    Platform().uncreatableFolders.insert(L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data");
-    EXPECT_EQ(FreshWorkspace(), L"C:\\Users\\svc\\AppData\\Local\\Temp");
-}
-
-constexpr const wchar_t* kWorkspace = L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data";
 
 // Still ours when its access cannot be narrowed, but the log says so.
 TEST_F(WorkspaceTest, ExistingWorkspaceThatCannotBeMadePrivateIsUsedWithAWarning) {
     Platform().folders.insert(kWorkspace);
     Platform().folderSecurity[kWorkspace].secureError = 5;
     EXPECT_EQ(FreshWorkspace(), kWorkspace);
-    EXPECT_TRUE(Logged(L"GetWorkspace: cannot restrict access to " + std::wstring(kWorkspace) +
-                       L" to SYSTEM and Administrators: Access is denied."));
+    EXPECT_TRUE(LoggedLine(L"GetWorkspace: cannot restrict access to " + kWorkspace +
+                           L" to SYSTEM and Administrators: Access is denied."));
 }
 
 // What stands at the workspace's place, by kind and owner: a plain folder of SYSTEM, the
 // Administrators or this account is used (and made private); anything else another account could
 // still change before the install is moved aside with one line, and a private folder created.
 enum class Planted { kAbsent, kFolder, kFile, kLink, kUnopenable };
-struct PlantedRow {
-    Planted planted;
-    platform::OwnerKind owner;
-    const wchar_t* account;
-    const wchar_t* moved;  // "(<what>, owner <account>)" in the line; nullptr: used in place
+// moved: "(<what>, owner <account>)" in the line; nullptr: used in place
+struct PlantedRow { Planted planted; OwnerKind owner; const wchar_t *account, *moved; };
+class PlantedWorkspaceTest : public WorkspaceTest, public testing::WithParamInterface<PlantedRow> {
 };
-
-class PlantedWorkspaceTest : public WorkspaceTest, public ::testing::WithParamInterface<PlantedRow> {};
 
 TEST_P(PlantedWorkspaceTest, IsUsedOrMovedAsideAndCreatedAfresh) {
     const PlantedRow& row = GetParam();
@@ -79,111 +81,103 @@ TEST_P(PlantedWorkspaceTest, IsUsedOrMovedAsideAndCreatedAfresh) {
     if (row.planted == Planted::kFile) Platform().files[kWorkspace] = {7};
     if (row.planted != Planted::kFile && row.planted != Planted::kAbsent)
         Platform().folders.insert(kWorkspace);
-    const std::wstring aside = std::wstring(kWorkspace) + L".untrusted-20260302140309";
+    const std::wstring aside = kWorkspace + L".untrusted-20260302140309";
 
     EXPECT_EQ(FreshWorkspace(), kWorkspace);
-    EXPECT_TRUE(Platform().folders.count(kWorkspace) && Platform().folderSecurity[kWorkspace].isPrivate);
+    EXPECT_TRUE(Platform().folders.count(kWorkspace) &&
+                Platform().folderSecurity[kWorkspace].isPrivate);
     EXPECT_FALSE(Platform().files.count(kWorkspace));
-    if (!row.moved) {
-        EXPECT_FALSE(Logged(L"GetWorkspace:"));
-        EXPECT_FALSE(platform::PathExists(aside));
-        return;
-    }
-    EXPECT_TRUE(Logged(L"GetWorkspace: " + std::wstring(kWorkspace) + L" " + row.moved +
-                       L" cannot be trusted, moved it aside to " + aside + L"\r\n"))
-        << LogText();
-    EXPECT_TRUE(platform::PathExists(aside));  // kept for the administrator to look at
+    EXPECT_EQ(platform::PathExists(aside), row.moved != nullptr);  // kept for the administrator
+    const std::wstring moved = row.moved ? row.moved : L"";
+    EXPECT_EQ(Logged(L"GetWorkspace:"), row.moved != nullptr);
+    EXPECT_EQ(LoggedLine(L"GetWorkspace: " + kWorkspace + L" " + moved +
+                         L" cannot be trusted, moved it aside to " + aside), row.moved != nullptr);
 }
 
-using platform::OwnerKind;
-INSTANTIATE_TEST_SUITE_P(
-    ByKindAndOwner, PlantedWorkspaceTest,
-    ::testing::Values(
-        PlantedRow{Planted::kAbsent, OwnerKind::kSystem, L"", nullptr},
-        PlantedRow{Planted::kFolder, OwnerKind::kSystem, L"NT AUTHORITY\\SYSTEM", nullptr},
-        PlantedRow{Planted::kFolder, OwnerKind::kAdministrators, L"BUILTIN\\Administrators", nullptr},
-        PlantedRow{Planted::kFolder, OwnerKind::kThisAccount, L"PC\\svc", nullptr},
-        PlantedRow{Planted::kFolder, OwnerKind::kOtherAccount, L"PC\\mallory", L"(a folder, owner PC\\mallory)"},
-        PlantedRow{Planted::kFolder, OwnerKind::kUnreadable, L"", L"(a folder, owner unknown)"},
-        PlantedRow{Planted::kUnopenable, OwnerKind::kSystem, L"", L"(something that cannot be opened, owner unknown)"},
-        PlantedRow{Planted::kFile, OwnerKind::kSystem, L"NT AUTHORITY\\SYSTEM", L"(a file, owner NT AUTHORITY\\SYSTEM)"},
-        PlantedRow{Planted::kFile, OwnerKind::kAdministrators, L"BUILTIN\\Administrators", L"(a file, owner BUILTIN\\Administrators)"},
-        PlantedRow{Planted::kFile, OwnerKind::kOtherAccount, L"PC\\mallory", L"(a file, owner PC\\mallory)"},
-        PlantedRow{Planted::kFile, OwnerKind::kUnreadable, L"", L"(a file, owner unknown)"},
-        PlantedRow{Planted::kLink, OwnerKind::kSystem, L"NT AUTHORITY\\SYSTEM", L"(a link, owner NT AUTHORITY\\SYSTEM)"},
-        PlantedRow{Planted::kLink, OwnerKind::kAdministrators, L"BUILTIN\\Administrators", L"(a link, owner BUILTIN\\Administrators)"},
-        PlantedRow{Planted::kLink, OwnerKind::kOtherAccount, L"PC\\mallory", L"(a link, owner PC\\mallory)"},
-        PlantedRow{Planted::kLink, OwnerKind::kUnreadable, L"", L"(a link, owner unknown)"}));
+constexpr const wchar_t* kNt = L"NT AUTHORITY\\SYSTEM";
+constexpr const wchar_t* kBuiltin = L"BUILTIN\\Administrators";
+constexpr const wchar_t* kMallory = L"PC\\mallory";
+using P = PlantedRow;
+using enum Planted;
+using enum OwnerKind;
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(ByKindAndOwner, PlantedWorkspaceTest, ::testing::Values(
+    P{kAbsent, kSystem, L"", nullptr},
+    P{kFolder, kSystem, kNt, nullptr},
+    P{kFolder, kAdministrators, kBuiltin, nullptr},
+    P{kFolder, kThisAccount, L"PC\\svc", nullptr},
+    P{kFolder, kOtherAccount, kMallory, L"(a folder, owner PC\\mallory)"},
+    P{kFolder, kUnreadable, L"", L"(a folder, owner unknown)"},
+    P{kUnopenable, kSystem, L"", L"(something that cannot be opened, owner unknown)"},
+    P{kFile, kSystem, kNt, L"(a file, owner NT AUTHORITY\\SYSTEM)"},
+    P{kFile, kAdministrators, kBuiltin, L"(a file, owner BUILTIN\\Administrators)"},
+    P{kFile, kOtherAccount, kMallory, L"(a file, owner PC\\mallory)"},
+    P{kFile, kUnreadable, L"", L"(a file, owner unknown)"},
+    P{kLink, kSystem, kNt, L"(a link, owner NT AUTHORITY\\SYSTEM)"},
+    P{kLink, kAdministrators, kBuiltin, L"(a link, owner BUILTIN\\Administrators)"},
+    P{kLink, kOtherAccount, kMallory, L"(a link, owner PC\\mallory)"},
+    P{kLink, kUnreadable, L"", L"(a link, owner unknown)"}));
+// clang-format on
 
 // A file planted by another account, and what then goes wrong: the workspace is refused (empty,
 // so the run's set-up fails) with the line that says why, or found on a later attempt.
-struct RefusalRow {
-    const char* name;
-    void (*arrange)(fake::PlatformState&);
-    bool used;
-    std::wstring line;  // after "GetWorkspace: "
-};
-
 TEST_F(WorkspaceTest, MovingAsideThatFailsOrKeepsBeingUndoneIsRefused) {
     const std::wstring ws = kWorkspace;
-    const RefusalRow rows[] = {
-        {"move fails", [](fake::PlatformState& s) { s.unmovable.insert(kWorkspace); }, false,
-         L"cannot move " + ws + L" (a file, owner PC\\mallory) aside, not using it: Access is denied."},
-        {"creation fails", [](fake::PlatformState& s) { s.uncreatableFolders.insert(kWorkspace); }, false,
-         L"cannot create " + ws + L" after moving the old one aside, not using it: Access is denied."},
-        {"planted again each time", [](fake::PlatformState& s) { s.replantedOnMove = 3; }, false,
+    using S = fake::PlatformState;
+    const std::wstring kDenied = L"Access is denied.";
+    // line: after "GetWorkspace: "
+    const struct { const char* name; void (*arrange)(S&); bool used; std::wstring line; } rows[] = {
+        {"move fails", [](S& s) { s.unmovable.insert(kWorkspace); }, false,
+         L"cannot move " + ws + L" (a file, owner PC\\mallory) aside, not using it: " + kDenied},
+        {"creation fails", [](S& s) { s.uncreatableFolders.insert(kWorkspace); }, false,
+         L"cannot create " + ws + L" after moving the old one aside, not using it: " + kDenied},
+        {"planted again each time", [](S& s) { s.replantedOnMove = 3; }, false,
          ws + L" was planted again each time it was moved aside, not using it"},
-        {"planted again once", [](fake::PlatformState& s) { s.replantedOnMove = 1; }, true,
+        {"planted again once", [](S& s) { s.replantedOnMove = 1; }, true,
          ws + L" (a file, owner NT AUTHORITY\\SYSTEM) cannot be trusted, moved it aside to " + ws +
              L".untrusted-20260302140309-2"},
     };
-    for (const RefusalRow& row : rows) {
-        fake::Reset();
-        StartLog();
+    for (const auto& row : rows) {
+        Again();
         Platform().files[kWorkspace] = {7};
-        Platform().folderSecurity[kWorkspace].owner = {OwnerKind::kOtherAccount, L"PC\\mallory"};
+        Platform().folderSecurity[kWorkspace].owner = {OwnerKind::kOtherAccount, kMallory};
         row.arrange(Platform());
         EXPECT_EQ(FreshWorkspace(), row.used ? ws : L"") << row.name;
-        EXPECT_TRUE(Logged(L"GetWorkspace: " + row.line + L"\r\n")) << row.name << LogText();
+        EXPECT_TRUE(LoggedLine(L"GetWorkspace: " + row.line)) << row.name << LogText();
     }
 }
 
-class PemPathTest : public ToolTest {
-protected:
-    void SetUp() override {
+// The install folder's certificate, the current product's first; else the DaaS agent's, whose
+// folder must exist.
+TEST_F(WorkspaceTest, PemFileComesFromAnInstallFolderThenTheDaasAgent) {
+    const std::wstring legacyPem = L"C:\\Legacy\\cert\\cacert.pem";
+    const std::wstring pem = L"C:\\Agent\\cert\\cacert.pem";
+    // files and folders that exist -> the path
+    const std::tuple<std::vector<std::wstring>, std::wstring> rows[] = {
+        {{legacyPem}, legacyPem},
+        {{legacyPem, pem}, pem},
+        {{L"C:\\Daas", L"C:\\OldDaas"}, L"C:\\Daas\\daas.pem"},
+        {{L"C:\\OldDaas"}, L"C:\\OldDaas\\old.pem"},
+        {std::vector<std::wstring>{}, L""}};
+    for (const auto& [present, expected] : rows) {
+        SCOPED_TRACE(expected);
+        Again();
         fake::SetRegistryString(CurrentProductRoot() + L"\\AgentInstallPath", L"C:\\Agent");
         fake::SetRegistryString(LegacyProductRoot() + L"\\AgentInstallPath", L"C:\\Legacy");
         fake::SetRegistryString(L"HKLM\\Software\\Quorvane\\DaaS Agent\\CertFolder", L"C:\\Daas");
         fake::SetRegistryString(L"HKLM\\Software\\Quorvane\\DaaS Agent\\CertFileName", L"daas.pem");
-        fake::SetRegistryString(L"HKLM\\Software\\Tessix, Inc.\\Tessix DaaS Agent\\CertFolder",
-                                L"C:\\OldDaas");
-        fake::SetRegistryString(L"HKLM\\Software\\Tessix, Inc.\\Tessix DaaS Agent\\CertFileName",
-                                L"old.pem");
+        const std::wstring old = L"HKLM\\Software\\Tessix, Inc.\\Tessix DaaS Agent\\";
+        fake::SetRegistryString(old + L"CertFolder", L"C:\\OldDaas");
+        fake::SetRegistryString(old + L"CertFileName", L"old.pem");
+        for (const std::wstring& path : present) {
+            if (path.ends_with(L".pem")) Platform().files[path] = {};
+            if (!path.ends_with(L".pem")) Platform().folders.insert(path);
+        }
+        EXPECT_EQ(UtilGetPEMFilePath(), expected);
+        EXPECT_EQ(Count(L"UtilGetPEMFilePath: cert file '" + legacyPem + L"' does not exist, "
+                        L"returning legacy agent cert path \r\n"),
+                  expected.ends_with(L"cacert.pem") ? 0u : 1u);
     }
-};
-
-TEST_F(PemPathTest, PrefersTheCurrentThenTheLegacyInstallFolder) {
-    Platform().files[L"C:\\Legacy\\cert\\cacert.pem"] = {};
-    EXPECT_EQ(UtilGetPEMFilePath(), L"C:\\Legacy\\cert\\cacert.pem");
-    Platform().files[L"C:\\Agent\\cert\\cacert.pem"] = {};
-    EXPECT_EQ(UtilGetPEMFilePath(), L"C:\\Agent\\cert\\cacert.pem");
-    EXPECT_FALSE(Logged(L"does not exist"));
-}
-
-TEST_F(PemPathTest, FallsBackToTheDaasAgentCertificateAndSaysSoOnce) {
-    Platform().folders.insert(L"C:\\Daas");
-    EXPECT_EQ(UtilGetPEMFilePath(), L"C:\\Daas\\daas.pem");
-    const std::wstring line = L"UtilGetPEMFilePath: cert file 'C:\\Legacy\\cert\\cacert.pem' does "
-                              L"not exist, returning legacy agent cert path \r\n";
-    const std::wstring text = LogText();
-    EXPECT_NE(text.find(line), std::wstring::npos);
-    EXPECT_EQ(text.find(line), text.rfind(line));
-}
-
-TEST_F(PemPathTest, DaasCertificateNeedsAnExistingFolder) {
-    EXPECT_EQ(DaasAgentCertificatePath(), L"");
-    Platform().folders.insert(L"C:\\OldDaas");
-    EXPECT_EQ(DaasAgentCertificatePath(), L"C:\\OldDaas\\old.pem");
 }
 
 TEST_F(WorkspaceTest, CleanupDeletesTheDownloadedFileOnly) {
@@ -193,9 +187,9 @@ TEST_F(WorkspaceTest, CleanupDeletesTheDownloadedFileOnly) {
     SetDownloadedFilePath(file);
     Platform().locked.insert(file);
     EXPECT_FALSE(UtilCleanupWorkspace());
-    EXPECT_TRUE(Logged(L"UtilCleanupWorkspace: delete failed: " + file +
-                       L" error: The process cannot access the file because it is being used by "
-                       L"another process."));
+    EXPECT_TRUE(LoggedLine(L"UtilCleanupWorkspace: delete failed: " + file +
+                           L" error: The process cannot access the file because it is being used "
+                           L"by another process."));
     Platform().locked.clear();
     EXPECT_TRUE(UtilCleanupWorkspace());
     EXPECT_FALSE(Platform().files.count(file));
