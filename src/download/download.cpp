@@ -148,6 +148,9 @@ void RememberEarlierPackage(const UpdateRecord& record) {
         core::ToLower(record.fileName.substr(0, workspace.size() + 1)) ==
             core::ToLower(workspace + L"\\"))
         SetDownloadedFilePath(record.fileName);
+    else if (!record.fileName.empty())
+        LogF(L"%s: %s is not inside the workspace %s, it will not be deleted", kFunction,
+             record.fileName, workspace);
 }
 
 }  // namespace

@@ -237,6 +237,9 @@ TEST_F(DownloadTest, OnlyDownloadStateDownloadsAndUpdatingGoesOn) {
         EXPECT_EQ(Util_DoDownload(), goesOn);
         EXPECT_TRUE(Client().calls.empty());
         EXPECT_EQ(DownloadedFilePath(), adopted ? file : L"");  // the install run may delete it
+        EXPECT_EQ(LoggedLine(L"Util_DoDownload: " + file + L" is not inside the workspace " +
+                             kWorkspace + L", it will not be deleted"),
+                  goesOn && !adopted);
     }
 }
 
