@@ -1,5 +1,4 @@
-"""A throwaway Wine prefix whose wineserver stays up for the session (ending it plays a restart), one
-way to run a program in it and read what it left, and the runner of the content-client table."""
+"""A Wine prefix whose wineserver stays up for the session (ending it plays a restart); the content-client table."""
 import codecs
 import hashlib
 import json
@@ -36,8 +35,7 @@ def volatile_key(root=CURRENT_ROOT):
     return root + r"\Agent\UpdateStatusVolatile"
 
 
-def settings(max_retry=0, retry_wait_ms=0):
-    """Logs in C:\\logs, and retry settings that keep a failing run from waiting five minutes."""
+def settings(max_retry=0, retry_wait_ms=0):  # retry settings that keep a failing run from waiting five minutes
     return {CURRENT_ROOT: {"InstallLogsDir": LOGS},
             CURRENT_ROOT + r"\Agent\Update": {"MAXDOWNLOADANDUPGRADERETRY": str(max_retry),
                                               "RetryWaitPeriod": str(retry_wait_ms)}}
@@ -94,8 +92,8 @@ class WinePrefix:
         self.restart()
 
     def kill_server(self):
-        self._quiet("wineserver", "-k")
-        self._quiet("wineserver", "-w")
+        for flag in ("-k", "-w"):
+            self._quiet("wineserver", flag)
 
     def restart(self):
         """A machine restart: every process ends, volatile keys vanish. The prefix's services start
@@ -151,11 +149,10 @@ class WinePrefix:
         for _ in range(3):
             result = subprocess.run(["wine", "reg", "query", *args], env=self.env, stdin=subprocess.DEVNULL,
                                     capture_output=True, timeout=120)
-            text = result.stdout.decode("utf-8", "replace")
-            if result.returncode != 0 and "Unable to find the specified registry key" in text:
-                return None
-            if result.returncode == 0 and text.strip():
+            if (text := result.stdout.decode("utf-8", "replace")).strip() and result.returncode == 0:
                 return text
+            if result.returncode and "Unable to find the specified registry key" in text:
+                return None
             time.sleep(0.5)
         raise AssertionError(f"reg query {args} failed: {result.returncode} {text!r}")
 
@@ -175,13 +172,8 @@ class WinePrefix:
         # the program's handles, and a pipe would never close.
         with tempfile.TemporaryFile() as output:
             started = time.monotonic()
-            process = self.start(program, *args, env=env, stdout=output)
-            try:
-                code = process.wait(timeout=timeout)
-            finally:
-                if process.poll() is None:
-                    process.kill()
-                    process.wait()
+            code = subprocess.run(["wine", str(program), *args], env=dict(self.env, **(env or {})), timeout=timeout,
+                                  stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.DEVNULL).returncode
             output.seek(0)
             return Run(code, output.read().decode("utf-8", "replace"), time.monotonic() - started)
 
@@ -211,9 +203,8 @@ KEY_ID = "{e2e-download}"
 
 
 class Case(NamedTuple):
-    """One row: setup, the download's arguments (Downloads.fetch) or c -> them; the library's result
-    and what is left in the destination (default: the file on success); a text of the output; any
-    further check(c, run). first: (code, kept) of an earlier run, again: what changes after it."""
+    """setup: fetch's arguments or c -> them; kept: the destination's names (default: the file on success);
+    check(c, run): more; first: (code, kept) of an earlier run, again: what changes after it."""
     setup: object
     code: int
     kept: Optional[list] = None
@@ -235,19 +226,15 @@ def metadata(*pins):
 
 
 class Downloads:
-    """Runs rows against the prefix, certificates and servers (stopped after the test). The test CA
-    is in the machine's Root store throughout, so a mode that fell back to the system store would
-    let an untrusted server through."""
+    """The test CA is in the Root store throughout: a mode that fell back to it would let an untrusted server in."""
 
     def __init__(self, wine, certs, servers):
         self.wine, self.certs, self.servers, self.server = wine, certs, servers, None
 
     def serve(self, resource=None, path="/setup.exe", identity=None):
         """A URL of the resource on the test's server, or on one of its own for another certificate."""
-        if not identity:
-            self.server = self.server or self.servers(HttpsServer(self.certs.localhost))
-        return (self.server if not identity else self.servers(HttpsServer(identity))).add(path, resource or
-                                                                                           Resource(BODY))
+        self.server = self.server or self.servers(HttpsServer(self.certs.localhost))
+        return (self.servers(HttpsServer(identity)) if identity else self.server).add(path, resource or Resource(BODY))
 
     @staticmethod
     def down():

@@ -1,6 +1,4 @@
-"""Installers for end-to-end runs and the demo, built in a folder on the prefix's drive C: x64 MSI
-packages from wixl (a later version of the same upgrade code replaces an earlier one), and the
-project's test installer, which records its command line and exits with the code it is asked for."""
+"""Installers on the prefix's drive C: x64 MSI packages from wixl, and the project's test installer."""
 import pathlib
 import re
 import shutil
@@ -60,8 +58,7 @@ class Packages:
                         "TEST_INSTALLER_EXIT_CODE": str(exit_code)}
 
     def recorded(self):
-        return [line.lower() for line in self.record.read_text(encoding="utf-8").splitlines()] if self.record.exists() \
-            else []
+        return self.record.exists() and self.record.read_text(encoding="utf-8").lower().splitlines() or []
 
     def remove(self):
         for package in self.built:

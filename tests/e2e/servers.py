@@ -1,5 +1,4 @@
-"""Local servers under Wine: an HTTPS file server whose answers misbehave as a test scripts them, a
-CONNECT proxy, openssl's certificates. URLs name "localhost": WinHTTP under Wine refuses IP literals."""
+"""A scriptable HTTPS server, a CONNECT proxy, certificates. URLs say "localhost": Wine's WinHTTP refuses IPs."""
 import contextlib
 import hashlib
 import http.server
@@ -11,6 +10,7 @@ import socketserver
 import ssl
 import subprocess
 import threading
+import typing
 
 LIFETIME = 300.0
 DROP = object()  # a step of an answer: end the connection there, without a TLS goodbye
@@ -49,10 +49,9 @@ class Certificates:
         return Identity(pem, key)
 
 
-class Identity:
-    def __init__(self, pem, key):
-        self.pem, self.key = pathlib.Path(pem), pathlib.Path(key)
-
+class Identity(typing.NamedTuple):
+    pem: pathlib.Path
+    key: pathlib.Path
     def sha(self, algorithm="sha256"):
         return hashlib.new(algorithm, ssl.PEM_cert_to_DER_cert(self.pem.read_text())).hexdigest()
 
@@ -70,8 +69,7 @@ class Resource:
         self.body, self.etag, self.ranges, self.fault, self.rate, self.script = body, etag, ranges, fault, rate, script
 
     def answer(self, start, validator):
-        steps = self.script and self.script(start)
-        if steps:
+        if steps := self.script and self.script(start):
             return steps
         ranged = self.ranges and start is not None and validator in (None, self.etag)
         if ranged and start >= len(self.body):
@@ -133,8 +131,7 @@ class _Running:
 
 
 class HttpsServer(_Running):
-    """Serves its resources over TLS with the identity given, or over plain HTTP without one (PAC
-    scripts, which WinHTTP fetches so)."""
+    """Over TLS with the identity given; over plain HTTP without one (PAC scripts, which WinHTTP fetches so)."""
 
     def __init__(self, identity):
         self.resources, self.requests, self.lock = {}, [], threading.Lock()
@@ -164,8 +161,7 @@ class ConnectProxy(_Running):
                 client, owner, asked = self.request, self.server.owner, b""
                 client.settimeout(30)
                 while b"\r\n\r\n" not in asked and len(asked) < 65536:
-                    chunk = client.recv(4096)
-                    if not chunk:
+                    if not (chunk := client.recv(4096)):
                         return
                     asked += chunk
                 line = asked.split(b"\r\n", 1)[0].decode("latin-1")
@@ -179,8 +175,7 @@ class ConnectProxy(_Running):
                 with contextlib.suppress(OSError), upstream:
                     while not owner.stopping.is_set():
                         for source in select.select([client, upstream], [], [], 0.5)[0]:
-                            data = source.recv(1 << 16)
-                            if not data:
+                            if not (data := source.recv(1 << 16)):
                                 return
                             (upstream if source is client else client).sendall(data)
 

@@ -1,10 +1,5 @@
-"""kesclient.dll over real TLS to local servers, through kesclient_driver.exe and, for the rows
-marked tool, through updatetool.exe with the update key's values: trust modes, the fault matrix
-(framing, lengths, resume answered wrongly, stalls, mirrors), proxies and PAC, redirects, integrity
-and tar packages. Whatever happens, no file lands under its final name unless verified, and a
-partial file stays only when a resume record lets the next run continue it.
-
-A row is one line of harness.Case; Downloads (harness.py) runs it."""
+"""kesclient.dll over real TLS, through kesclient_driver.exe or (via="tool") updatetool.exe: no file lands under
+its final name unverified, and a partial stays only with a resume record. Rows: harness.Case, run by Downloads."""
 import hashlib
 import io
 import os
@@ -88,31 +83,25 @@ def tunnelled(c, run):
     return c.proxy.requests == [f"CONNECT localhost:{c.server.port} HTTP/1.1"]
 
 
-def tar(*entries):
-    data = io.BytesIO()
-    with tarfile.open(fileobj=data, mode="w:gz", format=tarfile.PAX_FORMAT) as archive:
-        for name, content in entries:
-            info = tarfile.TarInfo(name)
-            info.size = len(content)
-            archive.addfile(info, io.BytesIO(content))
-    return lambda c: dict(urls=[c.serve(Resource(data.getvalue()), "/package.tar.gz")], body=data.getvalue(),
-                          payload="tar")
-
-
-def tar_over(old, *entries):
-    """A tar package over files already there (old: name -> bytes, or None for a folder)."""
+def tar(*entries, old={}):
+    """A tar package, over files already there (old: name -> bytes, or None for a folder)."""
     def setup(c):
         for name, content in old.items():
-            (c.destination() / name).parent.mkdir(parents=True, exist_ok=True)
-            (c.destination() / name).mkdir() if content is None else (c.destination() / name).write_bytes(content)
-        return tar(*entries)(c)
+            (path := c.destination() / name).parent.mkdir(parents=True, exist_ok=True)
+            path.mkdir() if content is None else path.write_bytes(content)
+        data = io.BytesIO()
+        with tarfile.open(fileobj=data, mode="w:gz", format=tarfile.PAX_FORMAT) as archive:
+            for name, content in entries:
+                (info := tarfile.TarInfo(name)).size = len(content)
+                archive.addfile(info, io.BytesIO(content))
+        return dict(urls=[c.serve(Resource(data.getvalue()), "/package.tar.gz")], body=data.getvalue(), payload="tar")
     return setup
 
 
-def holds(files, names):
-    """The package's folder holds these names, and these files with these bytes."""
-    return lambda c, run: sorted(p.name for p in (c.destination() / "pkg").iterdir()) == names and all(
-        (c.destination() / "pkg" / name).read_bytes() == content for name, content in files.items())
+def holds(tree):
+    """The package's folder is this tree (None: an empty folder)."""
+    read = lambda p: {q.name: read(q) if q.is_dir() else q.read_bytes() for q in p.iterdir()} or None  # noqa: E731
+    return lambda c, run: read(c.destination() / "pkg") == tree
 
 
 def moved_aside(c, run):
@@ -229,12 +218,11 @@ TABLE = [
     row("redirect-to-ftp", dict(urls=[moved("ftp://localhost/setup.exe")]), INVALID_URI),
     row("plain-http", lambda c: dict(urls=[c.down().replace("https", "http")]), INVALID_URI),
     # -- tar packages
-    row("tar-over-an-old-version", tar_over({"pkg/setup.exe": b"old version"}, ("pkg/setup.exe", BODY),
-                                            ("pkg/docs/readme.txt", b"hello")), SUCCESS, kept=["pkg"],
-        check=holds({"setup.exe": BODY, "docs/readme.txt": b"hello"}, ["docs", "setup.exe"])),
-    row("tar-placement-fails-put-back", tar_over({"pkg/setup.exe": None, "pkg/b.txt": b"old b"}, (
-        "pkg/a.txt", b"new a"), ("pkg/b.txt", b"new b"), ("pkg/setup.exe", BODY)), VERIFY_FAILED,
-        kept=["pkg"], check=holds({"b.txt": b"old b"}, ["b.txt", "setup.exe"])),
+    row("tar-over-an-old-version", tar(("pkg/setup.exe", BODY), ("pkg/docs/readme.txt", b"hi"), old={"pkg/setup.exe": b"old"}),
+        SUCCESS, kept=["pkg"], check=holds({"setup.exe": BODY, "docs": {"readme.txt": b"hi"}})),
+    row("tar-placement-fails-put-back", tar(("pkg/a.txt", b"a"), ("pkg/b.txt", b"b"), ("pkg/setup.exe", BODY), old={
+        "pkg/setup.exe": None, "pkg/b.txt": b"old b"}), VERIFY_FAILED, kept=["pkg"], check=holds({"b.txt": b"old b",
+                                                                                                   "setup.exe": None})),
     # -- through the tool: the update key's values reach the DLL
     row("tool-thumbprint-second", lambda c: dict(pins=[c.certs.other_ca.sha("sha1"),
                                                        c.certs.localhost.sha("sha1").upper()]),

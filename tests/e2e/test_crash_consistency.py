@@ -1,6 +1,5 @@
-"""The tool killed outright (SIGKILL, as a crash does) at a random moment of a download run or an
-install run. Whatever the moment, the update key holds what the entry state or a finished run accounts
-for, a package the tool would launch is the verified one, and later runs still finish the step.
+"""The tool SIGKILLed at a random moment of a download or install run: the key holds what the entry state or a
+finished run accounts for, a package it would launch is verified, later runs finish the step.
 CRASH_ITERATIONS kills per phase (default 5); CRASH_SEED replays a run's kill delays (it is printed)."""
 import collections
 import contextlib
@@ -48,18 +47,16 @@ def agent(wine, packages):
 
 
 class Update:
-    """One step in a clean key, workspace and log folder: a download of the package served at RATE,
-    or an install of the package already downloaded, with the old agent installed again."""
+    """In a clean key, workspace and log folder: a download served at RATE, or an install over the old agent."""
 
     def __init__(self, wine, certs, agent, server, phase, why):
         self.wine, self.phase, self.why = wine, phase, why
         self.packages, old, self.new, self.payload = agent
-        self.body = self.new.read_bytes()
-        self.package = wine.workspace / "agent-8.13.0.msi"
+        self.body, self.package = self.new.read_bytes(), wine.workspace / "agent-8.13.0.msi"
         self.logs = wine.unix_path(LOGS + r"\updatetool")
         wine.import_reg(f"[-{KEY}]")
-        shutil.rmtree(wine.workspace, ignore_errors=True)
-        shutil.rmtree(self.logs, ignore_errors=True)
+        for folder in (wine.workspace, self.logs):
+            shutil.rmtree(folder, ignore_errors=True)
         self.resource = Resource(self.body, etag='"v8.13.0"', rate=RATE if phase == "download" else None)
         values = {"STATE": "DOWNLOAD", "AGENT": "OTHER", "ARCH": "64-BitAgent", "VERSION": "8.13.0",
                   "CERTTYPE": "THUMBPRINT", "METADATA": metadata(certs.localhost.sha()),
@@ -67,8 +64,7 @@ class Update:
                   "URL": [server.add("/packages/agent-8.13.0.msi", self.resource)]}
         if phase == "install":  # as the download run and the service's move leave it
             self.packages.msiexec("/x", self.new)
-            code = self.packages.msiexec("/i", old)
-            assert code == 0, f"{why}: the old agent does not install ({code})"
+            assert (code := self.packages.msiexec("/i", old)) == 0, f"{why}: the old agent does not install ({code})"
             self.package.parent.mkdir()
             self.package.write_bytes(self.body)
             values.update(STATE="UPDATING", RESULT="OK", FILENAME=wine.windows_path(self.package))
@@ -90,9 +86,7 @@ class Update:
         return "start" if not text else next(name for name, mark in POINTS[self.phase] if mark in text)
 
     def check_package(self):
-        """A package in the workspace is the verified one, and one the key names is there."""
-        if self.package.exists():
-            assert self.package.read_bytes() == self.body, f"{self.why}: an unverified package in place"
+        assert not self.package.exists() or self.package.read_bytes() == self.body, f"{self.why}: unverified package"
         if self.combination() in {("WAIT", "OK"), ("UPDATING", "OK")}:
             assert self.package.exists(), f"{self.why}: {self.combination()} but the package is gone"
             assert self.wine.values(KEY)["FILENAME"].lower().endswith(r"\updatetool-data\agent-8.13.0.msi"), self.why

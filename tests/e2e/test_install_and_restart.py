@@ -64,8 +64,7 @@ def test_main_agent_is_found_by_its_upgrade_code(wine, packages):
 
 # -- restarts -------------------------------------------------------------------------------------
 def waiting_program(wine):
-    """cmd left waiting for input, or None when it ended before it was up. By its full path it runs
-    as one process, which kill() ends for good."""
+    """cmd waiting for input (None if it ended first); by its full path one process, which kill() ends for good."""
     program = wine.start(r"C:\windows\system32\cmd.exe", "/c", "echo waiting&pause", stdin=subprocess.PIPE,
                          stdout=subprocess.PIPE)
     return program if program.stdout.readline().strip() == b"waiting" else end(program)
@@ -84,13 +83,11 @@ def still_up(program, seconds):
 
 
 def restarted(wine, marker, within):
-    """Whether the run restarted the prefix; if so, once the restart has stopped ending programs: Wine
-    ends every program it finds, pass after pass, so one still up a moment after it started came after."""
+    """Whether the run restarted the prefix, once the restart has stopped ending programs (pass after pass)."""
     if still_up(marker, within):
         return False
     for _ in range(20):
-        probe = waiting_program(wine)
-        settled = probe is not None and still_up(probe, 0.5)
+        settled = (probe := waiting_program(wine)) is not None and still_up(probe, 0.5)
         if probe:
             end(probe)
         if settled:
