@@ -30,7 +30,7 @@ std::uint32_t Walk(Hive hive, const std::wstring& key, bool view32, RegistryKey*
         cut = path.find(L'\\', cut + 1);
         auto it = keys.find(path.substr(0, cut));
         if (it == keys.end() && !create) return status::kFileNotFound;
-        if (it == keys.end() && out->isVolatile && !isVolatile) return 1021;
+        if (it == keys.end() && out->isVolatile && !isVolatile) return 1021;  // ERROR_CHILD_MUST_BE_VOLATILE
         if (it == keys.end())
             it = keys.emplace(path.substr(0, cut), RegistryKey{keys.size(), isVolatile, {}}).first;
         out = &it->second;
