@@ -1,11 +1,8 @@
 #include "fake_content_client.h"
 
-#include "fake_platform.h"
 #include "platform/content_client.h"
 
-struct KesClientDownload {
-    int unused = 0;
-};
+struct KesClientDownload {};
 
 namespace fake {
 namespace {
@@ -18,47 +15,39 @@ std::vector<std::string> List(KesClientStringList list) {
     return out;
 }
 
-int RunDownloads(const KesClientString* folder, KesClientDownloadList downloads) {
-    ContentClient().calls.push_back("runDownloads " + Text(folder) + " " +
-                                    std::to_string(downloads.count));
-    return ContentClient().runResult;
-}
+void Call(const std::string& call) { ContentClient().calls.push_back(call); }
 
 KesClientDownload* CreateDownload(const KesClientString* id, int64_t expectedSize, int verifySize,
                                   KesClientStringList urls, KesClientStringList thumbprints,
                                   KesClientStringList proxies, const KesClientString* pacUrl,
-                                  const KesClientString*,
-                                  const KesClientString* checksum, int reserved, int payloadType) {
-    ContentClientState& s = ContentClient();
-    s.calls.push_back("createDownload");
-    s.id = Text(id);
-    s.expectedSize = expectedSize;
-    s.verifySize = verifySize;
-    s.urls = List(urls);
-    s.thumbprints = List(thumbprints);
-    s.proxies = List(proxies);
-    s.pacUrl = Text(pacUrl);
-    s.checksum = Text(checksum);
-    s.reserved = reserved;
-    s.payloadType = payloadType;
-    ++s.liveDownloads;
+                                  const KesClientString*, const KesClientString* checksum,
+                                  int reserved, int payloadType) {
+    Call("createDownload");
+    auto& s = ContentClient();
+    s.id = Text(id), s.pacUrl = Text(pacUrl), s.checksum = Text(checksum);
+    s.expectedSize = expectedSize, s.verifySize = verifySize, s.reserved = reserved;
+    s.payloadType = payloadType, s.urls = List(urls), s.thumbprints = List(thumbprints);
+    s.proxies = List(proxies), ++s.liveDownloads;
     return new KesClientDownload;
 }
 
-void ReleaseDownload(KesClientDownload* download) {
-    ContentClient().calls.push_back("releaseDownload");
-    if (download) --ContentClient().liveDownloads;
-    delete download;
-}
-
-void SetLogCallback(KesClientLogCallback) { ContentClient().calls.push_back("setLogCallback"); }
-
-void UsePemFile(const KesClientString* path) { ContentClient().calls.push_back("usePemFile " + Text(path)); }
-
-void UseSystemStore(const int* enable) {
-    ContentClient().calls.push_back("useSystemStore");
-    ContentClient().systemStore = enable && *enable;
-}
+const platform::ContentClient kClient{
+    [](const KesClientString* folder, KesClientDownloadList downloads) {
+        Call("runDownloads " + Text(folder) + " " + std::to_string(downloads.count));
+        return ContentClient().runResult;
+    },
+    &CreateDownload,
+    [](KesClientDownload* download) {
+        Call("releaseDownload");
+        if (download) --ContentClient().liveDownloads;
+        delete download;
+    },
+    [](KesClientLogCallback) { Call("setLogCallback"); },
+    [](const KesClientString* path) { Call("usePemFile " + Text(path)); },
+    [](const int* enable) {
+        Call("useSystemStore");
+        ContentClient().systemStore = enable && *enable;
+    }};
 
 }  // namespace
 
@@ -69,18 +58,9 @@ ContentClientState& ContentClient() {
 
 }  // namespace fake
 
-namespace platform {
-
-const ContentClient* LoadContentClient(std::wstring& error) {
-    static const ContentClient client{&fake::RunDownloads, &fake::CreateDownload,
-                                      &fake::ReleaseDownload, &fake::SetLogCallback,
-                                      &fake::UsePemFile, &fake::UseSystemStore};
-    if (!fake::ContentClient().available) {
-        error = L"cannot load C:\\Program Files\\Quorvane\\kesclient.dll (error 126)";
-        return nullptr;
-    }
-    error.clear();
-    return &client;
+const platform::ContentClient* platform::LoadContentClient(std::wstring& error) {
+    error = fake::ContentClient().available
+                ? L""
+                : L"cannot load C:\\Program Files\\Quorvane\\kesclient.dll (error 126)";
+    return error.empty() ? &fake::kClient : nullptr;
 }
-
-}  // namespace platform

@@ -1,9 +1,10 @@
 #include "fake_platform.h"
+#include "platform/disk.h"
+#include "platform/file_search.h"
 #include "platform/files.h"
 
 namespace platform {
 namespace {
-constexpr std::uint32_t kSharingViolation = 32;
 
 std::wstring ParentOf(const std::wstring& path) {
     const auto cut = path.rfind(L'\\');
@@ -15,20 +16,22 @@ bool FolderExists(const std::wstring& folder) {
     return (folder.size() == 2 && folder[1] == L':') || fake::State().folders.count(folder) > 0;
 }
 
-// Sets the error and says so when the path is locked or its folder is missing.
-bool Refused(const std::wstring& path, bool needFolder) {
-    auto& s = fake::State();
-    if (s.locked.count(path)) s.lastError = kSharingViolation;
-    else if (needFolder && !FolderExists(ParentOf(path))) s.lastError = status::kPathNotFound;
-    else return false;
-    return true;
+bool Fail(std::uint32_t error) {
+    fake::State().lastError = error;
+    return false;
 }
+
+// Fails when the path is locked or its folder is missing.
+bool Refused(const std::wstring& path, bool needFolder) {
+    if (fake::State().locked.count(path)) return !Fail(32);
+    return needFolder && !FolderExists(ParentOf(path)) && !Fail(status::kPathNotFound);
+}
+
 }  // namespace
 
 std::uint32_t GetTempFolder(std::wstring& out) {
     auto& s = fake::State();
-    const std::uint32_t count =
-        s.tempFolderResult.value_or(static_cast<std::uint32_t>(s.tempFolder.size()));
+    const std::uint32_t count = s.tempFolderResult.value_or(std::uint32_t(s.tempFolder.size()));
     out = (count > 0 && count <= 260) ? s.tempFolder : std::wstring();
     return count;
 }
@@ -36,47 +39,29 @@ std::uint32_t GetTempFolder(std::wstring& out) {
 bool PathExists(const std::wstring& path) {
     std::wstring trimmed = path;
     while (trimmed.size() > 3 && trimmed.back() == L'\\') trimmed.pop_back();
-    const bool exists = fake::State().files.count(trimmed) || FolderExists(trimmed);
-    if (!exists) fake::State().lastError = status::kFileNotFound;
-    return exists;
+    auto& files = fake::State().files;
+    return files.count(trimmed) || FolderExists(trimmed) || Fail(status::kFileNotFound);
 }
 
 bool CreateFolder(const std::wstring& path) {
     auto& s = fake::State();
-    if (s.uncreatableFolders.count(path)) {
-        s.lastError = status::kAccessDenied;
-        return false;
-    }
-    if (FolderExists(path) || s.files.count(path)) {
-        s.lastError = status::kAlreadyExists;
-        return false;
-    }
-    if (!FolderExists(ParentOf(path))) {
-        s.lastError = status::kPathNotFound;
-        return false;
-    }
+    if (s.uncreatableFolders.count(path)) return Fail(status::kAccessDenied);
+    if (FolderExists(path) || s.files.count(path)) return Fail(status::kAlreadyExists);
+    if (!FolderExists(ParentOf(path))) return Fail(status::kPathNotFound);
     s.folders.insert(path);
     return true;
 }
 
 bool CreatePrivateFolder(const std::wstring& path) {
-    if (!CreateFolder(path)) return false;
-    fake::State().folderSecurity[path].isPrivate = true;
-    return true;
+    return CreateFolder(path) && (fake::State().folderSecurity[path].isPrivate = true);
 }
 
 std::optional<ExistingFolder> SecureExistingFolder(const std::wstring& path) {
     auto& s = fake::State();
     const bool isFolder = FolderExists(path);
-    if (!isFolder && !s.files.count(path)) {
-        s.lastError = status::kFileNotFound;
-        return std::nullopt;
-    }
-    fake::PlatformState::FolderSecurity& security = s.folderSecurity[path];
-    if (security.inspectError) {
-        s.lastError = security.inspectError;
-        return std::nullopt;
-    }
+    if (!isFolder && !s.files.count(path)) return Fail(status::kFileNotFound), std::nullopt;
+    auto& security = s.folderSecurity[path];
+    if (security.inspectError) return Fail(security.inspectError), std::nullopt;
     ExistingFolder facts{isFolder, security.isLink, security.owner, 0};
     if (!isFolder || facts.isLink || !TrustedFolderOwner(facts.owner.kind)) return facts;
     facts.secureError = security.secureError;
@@ -86,32 +71,19 @@ std::optional<ExistingFolder> SecureExistingFolder(const std::wstring& path) {
 
 bool MovePath(const std::wstring& from, const std::wstring& to) {
     auto& s = fake::State();
-    if (s.unmovable.count(from) || !PathExists(from)) {
-        s.lastError = s.unmovable.count(from) ? status::kAccessDenied : status::kFileNotFound;
-        return false;
-    }
-    if (PathExists(to)) {
-        s.lastError = status::kAlreadyExists;
-        return false;
-    }
+    if (s.unmovable.count(from)) return Fail(status::kAccessDenied);
+    if (!PathExists(from)) return false;
+    if (PathExists(to)) return Fail(status::kAlreadyExists);
     if (s.folders.erase(from)) s.folders.insert(to);
     if (auto file = s.files.extract(from)) s.files[to] = std::move(file.mapped());
     if (auto security = s.folderSecurity.extract(from)) s.folderSecurity[to] = security.mapped();
-    if (s.replantedOnMove > 0) {
-        --s.replantedOnMove;
-        s.files[from] = {};
-    }
+    if (s.replantedOnMove > 0 && s.replantedOnMove--) s.files[from] = {};
     return true;
 }
 
 bool DeleteFilePath(const std::wstring& path) {
-    auto& s = fake::State();
-    if (Refused(path, false)) return false;
-    if (!s.files.erase(path)) {
-        s.lastError = status::kFileNotFound;
-        return false;
-    }
-    return true;
+    auto& files = fake::State().files;
+    return !Refused(path, false) && (files.erase(path) || Fail(status::kFileNotFound));
 }
 
 bool WriteWholeFile(const std::wstring& path, const std::vector<std::uint8_t>& bytes) {
@@ -121,36 +93,64 @@ bool WriteWholeFile(const std::wstring& path, const std::vector<std::uint8_t>& b
 }
 
 std::optional<std::vector<std::uint8_t>> ReadWholeFile(const std::wstring& path) {
-    auto& s = fake::State();
-    auto it = s.files.find(path);
-    if (it == s.files.end()) {
-        s.lastError = status::kFileNotFound;
-        return std::nullopt;
-    }
+    auto it = fake::State().files.find(path);
+    if (it == fake::State().files.end()) return Fail(status::kFileNotFound), std::nullopt;
     return it->second;
 }
 
 bool MapFileCreatingIfMissing(const std::wstring& path,
                               void (*use)(const std::uint8_t* data, std::size_t size, void* context),
                               void* context) {
-    auto& s = fake::State();
-    if (Refused(path, !s.files.count(path))) return false;
-    if (!s.files.count(path)) s.files[path] = {};
-    const std::vector<std::uint8_t>& bytes = s.files[path];
-    if (bytes.empty()) {
-        s.lastError = 1006;  // ERROR_FILE_INVALID: an empty file cannot be mapped
-        return false;
-    }
+    auto& files = fake::State().files;
+    if (Refused(path, !files.count(path))) return false;
+    const auto& bytes = files[path];
+    if (bytes.empty()) return Fail(1006);  // an empty file cannot be mapped
     use(bytes.data(), bytes.size(), context);
     return true;
 }
 
 bool WriteFileFromStart(const std::wstring& path, const std::vector<std::uint8_t>& bytes) {
-    auto& s = fake::State();
-    if (Refused(path, !s.files.count(path))) return false;
-    std::vector<std::uint8_t>& file = s.files[path];
+    auto& files = fake::State().files;
+    if (Refused(path, !files.count(path))) return false;
+    auto& file = files[path];
     if (file.size() < bytes.size()) file.resize(bytes.size());
     std::copy(bytes.begin(), bytes.end(), file.begin());
+    return true;
+}
+
+// The tool only asks for "<prefix>*", compared without regard to case; any other mask must match
+// exactly.
+std::uint32_t FindFiles(const std::wstring& pattern, std::vector<std::wstring>& names) {
+    names.clear();
+    const std::wstring folder = ParentOf(pattern);
+    const std::wstring mask = pattern.substr(folder.size() + !folder.empty());
+    const bool prefix = !mask.empty() && mask.back() == L'*';
+    const std::wstring stem = prefix ? mask.substr(0, mask.size() - 1) : mask;
+    bool folderExists = FolderExists(folder);
+    for (const auto& [path, bytes] : fake::State().files) {
+        if (path.find(L'\\') == std::wstring::npos || !EqualsIgnoreCase(ParentOf(path), folder))
+            continue;
+        folderExists = true;
+        const std::wstring name = path.substr(folder.size() + 1);
+        if (EqualsIgnoreCase(prefix ? name.substr(0, stem.size()) : name, stem))
+            names.push_back(name);
+    }
+    if (names.empty()) Fail(folderExists ? status::kFileNotFound : status::kPathNotFound);
+    return names.empty() ? fake::State().lastError : status::kSuccess;
+}
+
+std::uint32_t GetCurrentFolder(std::wstring& out) {
+    const auto& s = fake::State();
+    out = s.currentDirectoryError ? std::wstring() : s.currentDirectory;
+    if (s.currentDirectoryError) Fail(s.currentDirectoryError);
+    return std::uint32_t(out.size());
+}
+
+bool QueryDiskSpace(const std::wstring& path, DiskSpace& out) {
+    auto& s = fake::State();
+    s.diskSpaceQueries.push_back(path);
+    if (s.diskSpaceError) return Fail(s.diskSpaceError);
+    out = s.diskSpace;
     return true;
 }
 

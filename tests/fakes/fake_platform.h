@@ -1,11 +1,10 @@
 #pragma once
-// In-memory stand-ins for src/platform/: a registry, a file system, a clock whose sleep is only
-// recorded, a console that collects its output, and the program's identity. Tests arrange the
-// state through fake::State() and inspect it afterwards; FakePlatformScope resets it on both ends.
+// In-memory stand-ins for src/platform/. Tests arrange the state through fake::State() and inspect
+// it afterwards; FakePlatformScope resets it on both ends. A non-zero error knob fails its call
+// with that code.
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -21,41 +20,42 @@
 
 namespace fake {
 
+using Paths = std::set<std::wstring, core::NoCaseLess>;
+template <typename T>
+using ByPath = std::map<std::wstring, T, core::NoCaseLess>;
+
 struct RegistryKey {
-    std::wstring name;
+    std::size_t created = 0;  // subkeys enumerate in creation order
     bool isVolatile = false;
-    std::vector<std::unique_ptr<RegistryKey>> subkeys;                  // creation order
-    std::vector<std::pair<std::wstring, platform::RegistryValue>> values;  // creation order
+    std::vector<platform::NamedRegistryValue> values;  // creation order
 };
 
 struct PlatformState {
-    // Registry: one tree per hive; the 32-bit view of HKLM\Software is Software\WOW6432Node.
-    std::map<platform::Hive, RegistryKey> hives;
-    std::set<std::wstring, core::NoCaseLess> deniedKeys;  // "HKLM\\key": every access fails with 5
+    // Every key by its path ("HKLM\\Software\\X"); the 32-bit view adds Software\WOW6432Node.
+    ByPath<RegistryKey> hives;
+    Paths deniedKeys;  // every access fails with 5
 
-    // File system.
-    std::map<std::wstring, std::vector<std::uint8_t>, core::NoCaseLess> files;
-    std::set<std::wstring, core::NoCaseLess> folders;
-    std::set<std::wstring, core::NoCaseLess> locked;           // writes and deletes fail with 32
-    std::set<std::wstring, core::NoCaseLess> uncreatableFolders;  // CreateFolder fails with 5
-    // What SecureExistingFolder finds (default: a plain folder owned by SYSTEM).
-    struct FolderSecurity {
+    ByPath<std::vector<std::uint8_t>> files;
+    Paths folders{L"C:\\Users", L"C:\\Users\\svc", L"C:\\Users\\svc\\AppData",
+                  L"C:\\Users\\svc\\AppData\\Local", L"C:\\Users\\svc\\AppData\\Local\\Temp"};
+    Paths locked;              // writes and deletes fail with 32
+    Paths uncreatableFolders;  // CreateFolder fails with 5
+    struct FolderSecurity {    // what SecureExistingFolder finds
         bool isLink = false;
         platform::ObjectOwner owner{platform::OwnerKind::kSystem, L"NT AUTHORITY\\SYSTEM"};
         bool isPrivate = false;
         std::uint32_t inspectError = 0;
         std::uint32_t secureError = 0;
     };
-    std::map<std::wstring, FolderSecurity, core::NoCaseLess> folderSecurity;
-    std::set<std::wstring, core::NoCaseLess> unmovable;  // MovePath from here fails with 5
-    int replantedOnMove = 0;  // the next moves each find a file planted again at once where they left
+    ByPath<FolderSecurity> folderSecurity;
+    Paths unmovable;          // MovePath from here fails with 5
+    int replantedOnMove = 0;  // the next moves each find a file planted again where they left
     std::wstring tempFolder = L"C:\\Users\\svc\\AppData\\Local\\Temp\\";
-    std::optional<std::uint32_t> tempFolderResult;  // overrides the API's count when set
+    std::optional<std::uint32_t> tempFolderResult;  // overrides the API's count
 
-    // Process.
     std::uint32_t lastError = 0;
     std::wstring programPath = L"C:\\Program Files\\Quorvane\\updatetool.exe";
-    std::uint32_t programPathError = 0;  // non-zero: ProgramPath fails with it
+    std::uint32_t programPathError = 0;
     std::optional<platform::FileVersion> fileVersion = platform::FileVersion{0x00080010, 0x00020003};
     std::map<std::wstring, platform::ObjectOwner> mutexes;  // with the owner an opener reads
     std::set<std::wstring> deniedMutexes;                   // CreateMutexW fails with 5
@@ -63,55 +63,50 @@ struct PlatformState {
     std::wstring console;
     std::map<std::wstring, std::wstring> environment;  // for %VAR% expansion
     bool dllSearchRestricted = false;
-    std::uint32_t dllSearchError = 0;  // non-zero: RestrictDllSearch fails with it
+    std::uint32_t dllSearchError = 0;
 
-    // Time.
-    platform::LocalTime now{};
+    platform::LocalTime now{};  // Reset sets 2026-03-02 14:03:09
     std::int64_t utcSeconds = 1772460189;
-    std::vector<std::uint32_t> sleeps;  // every requested sleep, in milliseconds
+    std::vector<std::uint32_t> sleeps;  // in milliseconds; each moves utcSeconds on
 
-    // Restart.
     int restartRequests = 0;
     platform::RestartOutcome restartOutcome = platform::RestartOutcome::kInitiated;
 
-    // Processes: each run takes the next scripted entry (none: "exited with 0").
+    // Each run takes the next entry (none: "exited with 0").
     struct ScriptedProcess {
         std::uint32_t exitCode = 0;
-        std::uint32_t createError = 0;    // non-zero: CreateProcessW fails with it
-        std::uint32_t exitCodeError = 0;  // non-zero: GetExitCodeProcess fails with it
+        std::uint32_t createError = 0;
+        std::uint32_t exitCodeError = 0;
     };
     std::deque<ScriptedProcess> processScript;
     std::vector<std::wstring> processesRun;  // command lines, including failed creations
-    std::vector<std::wstring> heldFiles;     // the file held for each run ("" when none); a
-                                             // path in `locked` cannot be held (32), nor one
-                                             // missing from `files` (2)
-    // Installed products by upgrade code (case-insensitive, as GUID texts are).
+    std::vector<std::wstring> heldFiles;     // per run ("" when none); must be in files, not locked
     struct InstalledProduct {
         std::wstring productCode;
         std::wstring versionString;
-        std::uint32_t infoStatus = 0;  // non-zero: MsiGetProductInfoW fails with it
+        std::uint32_t infoStatus = 0;
     };
-    std::map<std::wstring, InstalledProduct, core::NoCaseLess> installedProducts;
-    std::uint16_t nativeArchitecture = 9;  // x64
+    ByPath<InstalledProduct> installedProducts;  // by upgrade code
+    std::uint16_t nativeArchitecture = 9;        // x64
 
-    // Windows Update: each query takes the next scripted answer (none: "not busy"); outside an
-    // initialised apartment it fails as COM would, so a missing initialisation shows.
+    // Each query takes the next answer (none: "not busy"); outside an initialised apartment it
+    // fails as COM would.
     std::deque<platform::UpdateInstallerBusy> updateInstallerScript;
     int updateInstallerQueries = 0;
-    platform::ComResult comInitializeResult = 0;  // S_OK; 1 is S_FALSE, negative a failure
+    platform::ComResult comInitializeResult = 0;
     int comInitializeCalls = 0;
     int comUninitializeCalls = 0;
     std::wstring currentDirectory = L"C:\\Program Files\\Quorvane";
-    std::uint32_t currentDirectoryError = 0;  // non-zero: GetCurrentDirectoryW fails with it
+    std::uint32_t currentDirectoryError = 0;
     platform::DiskSpace diskSpace{64ull << 30, 128ull << 30, 64ull << 30};
-    std::uint32_t diskSpaceError = 0;           // non-zero: GetDiskFreeSpaceExW fails with it
-    std::vector<std::wstring> diskSpaceQueries;  // the paths asked about, in order
+    std::uint32_t diskSpaceError = 0;
+    std::vector<std::wstring> diskSpaceQueries;
 };
 
 PlatformState& State();
 void Reset();
 
-// Convenience for tests, in the tool's own path notation ("HKLM\\Software\\X\\Value").
+// In the tool's own path notation ("HKLM\\Software\\X\\Value").
 void SetRegistryValue(const std::wstring& path, const platform::RegistryValue& value);
 void SetRegistryString(const std::wstring& path, const std::wstring& text);
 void SetRegistryDword(const std::wstring& path, std::uint32_t value);
@@ -121,12 +116,10 @@ bool IsVolatileKey(const std::wstring& keyPath);
 
 std::wstring FileText(const std::wstring& path);  // UTF-16LE after a BOM, as the log writes it
 
-class FakePlatformScope {
-public:
+struct FakePlatformScope {
     FakePlatformScope() { Reset(); }
     ~FakePlatformScope() { Reset(); }
     FakePlatformScope(const FakePlatformScope&) = delete;
-    FakePlatformScope& operator=(const FakePlatformScope&) = delete;
 };
 
 }  // namespace fake

@@ -1,9 +1,36 @@
+#include <algorithm>
 #include <cwctype>
 
+#include "fake_content_client.h"
 #include "fake_platform.h"
-#include "platform/clock.h"
 #include "platform/files.h"
-#include "platform/system.h"
+#include "platform/installer_database.h"
+#include "platform/process.h"
+#include "platform/system_info.h"
+
+namespace fake {
+
+PlatformState& State() {
+    static PlatformState state;
+    return state;
+}
+
+void Reset() {
+    State() = PlatformState{};
+    ContentClient() = ContentClientState{};
+    auto& t = State().now.tm;
+    t.tm_year = 126, t.tm_mon = 2, t.tm_mday = 2, t.tm_hour = 14, t.tm_min = 3, t.tm_sec = 9;
+}
+
+std::wstring FileText(const std::wstring& path) {
+    auto it = State().files.find(path);
+    if (it == State().files.end()) return {};
+    const auto& b = it->second;
+    const bool bom = b.size() >= 2 && b[0] == 0xFF && b[1] == 0xFE;
+    return core::WideFromUtf16Bytes({b.begin() + (bom ? 2 : 0), b.end()});
+}
+
+}  // namespace fake
 
 namespace platform {
 
@@ -14,13 +41,12 @@ std::wstring SystemMessage(std::uint32_t error) {
     switch (error) {
         case 2: return L"The system cannot find the file specified.";
         case 3: return L"The system cannot find the path specified.";
-        case 5: return L"Access is denied.";
+        case 5: case 0x80070005: return L"Access is denied.";
         case 32: return L"The process cannot access the file because it is being used by another process.";
         case 1603: return L"Fatal error during installation.";
         case 1619: return L"This installation package could not be opened.";
         case 1638: return L"Another version of this product is already installed.";
         case 3010: return L"The requested operation is successful.  Changes will not be effective until the system is rebooted.";
-        case 0x80070005: return L"Access is denied.";
         default: return L"";
     }
 }
@@ -43,39 +69,27 @@ InstanceMutex CreateNamedMutexHeldForLife(const std::wstring& name) {
 bool HoldLockFileForLife(const std::wstring& path) {
     auto& s = fake::State();
     const auto cut = path.rfind(L'\\');
-    if (s.locked.count(path)) {
-        s.lastError = 32;  // another process holds it
-        return false;
-    }
-    if (cut == std::wstring::npos || !PathExists(path.substr(0, cut))) {
-        s.lastError = status::kPathNotFound;
-        return false;
-    }
+    if (s.locked.count(path)) return s.lastError = 32, false;  // another process holds it
+    if (cut == std::wstring::npos || !PathExists(path.substr(0, cut)))
+        return s.lastError = status::kPathNotFound, false;
     s.files[path] = {};
-    s.locked.insert(path);
-    return true;
+    return s.locked.insert(path).second;
 }
 
 bool RestrictDllSearch() {
     auto& s = fake::State();
-    if (s.dllSearchError) {
-        s.lastError = s.dllSearchError;
-        return false;
-    }
-    s.dllSearchRestricted = true;
-    return true;
+    if (s.dllSearchError) s.lastError = s.dllSearchError;
+    else s.dllSearchRestricted = true;
+    return !s.dllSearchError;
 }
 
 std::wstring CommandLine() { return fake::State().commandLine; }
-
 void WriteStdout(const std::wstring& text) { fake::State().console += text; }
 
 bool EqualsIgnoreCase(const std::wstring& a, const std::wstring& b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i)
-        if (std::towlower(static_cast<std::wint_t>(a[i])) != std::towlower(static_cast<std::wint_t>(b[i])))
-            return false;
-    return true;
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](wchar_t x, wchar_t y) {
+        return std::towlower(std::wint_t(x)) == std::towlower(std::wint_t(y));
+    });
 }
 
 LocalTime LocalNow() { return fake::State().now; }
@@ -83,8 +97,65 @@ std::int64_t UtcSecondsNow() { return fake::State().utcSeconds; }
 
 void SleepMilliseconds(std::uint32_t milliseconds) {
     fake::State().sleeps.push_back(milliseconds);
-    // Time moves on as if the sleep had happened, so that time-based decisions can be tested.
     fake::State().utcSeconds += milliseconds / 1000;
+}
+
+RestartOutcome RestartMachine() {
+    ++fake::State().restartRequests;
+    return fake::State().restartOutcome;
+}
+
+std::uint16_t NativeProcessorArchitecture() { return fake::State().nativeArchitecture; }
+
+ProcessRun RunProcessAndWait(const std::wstring& commandLine, const std::wstring& heldFile) {
+    auto& s = fake::State();
+    if (!heldFile.empty() && s.locked.count(heldFile)) return {ProcessOutcome::kHoldFailed, 0, 32};
+    if (!heldFile.empty() && !s.files.count(heldFile)) return {ProcessOutcome::kHoldFailed, 0, 2};
+    s.processesRun.push_back(commandLine);
+    s.heldFiles.push_back(heldFile);
+    fake::PlatformState::ScriptedProcess next;
+    if (!s.processScript.empty()) next = s.processScript.front(), s.processScript.pop_front();
+    if (next.createError) return {ProcessOutcome::kCreateFailed, 0, next.createError};
+    if (next.exitCodeError) return {ProcessOutcome::kExitCodeFailed, 0, next.exitCodeError};
+    return {ProcessOutcome::kExited, next.exitCode, 0};
+}
+
+std::uint32_t FirstRelatedProduct(const std::wstring& upgradeCode, std::wstring& productCode) {
+    const auto& products = fake::State().installedProducts;
+    const auto it = products.find(upgradeCode);
+    productCode = it == products.end() ? L"" : it->second.productCode;
+    return it == products.end() ? 259 : status::kSuccess;  // ERROR_NO_MORE_ITEMS
+}
+
+std::uint32_t ProductVersionString(const std::wstring& productCode, std::wstring& version) {
+    version.clear();
+    for (const auto& [upgradeCode, product] : fake::State().installedProducts) {
+        if (!EqualsIgnoreCase(product.productCode, productCode)) continue;
+        if (!product.infoStatus) version = product.versionString;
+        return product.infoStatus;
+    }
+    return 1605;  // ERROR_UNKNOWN_PRODUCT
+}
+
+ComResult ComInitializeMultithreaded() {
+    ++fake::State().comInitializeCalls;
+    return fake::State().comInitializeResult;
+}
+
+void ComUninitialize() { ++fake::State().comUninitializeCalls; }
+
+UpdateInstallerBusy QueryUpdateInstallerBusy() {
+    auto& s = fake::State();
+    ++s.updateInstallerQueries;
+    const int inits = ComFailed(s.comInitializeResult) ? 0 : s.comInitializeCalls;
+    if (inits <= s.comUninitializeCalls) return {static_cast<ComResult>(0x800401F0u), 0, false};
+    UpdateInstallerBusy answer;
+    if (!s.updateInstallerScript.empty())
+        answer = s.updateInstallerScript.front(), s.updateInstallerScript.pop_front();
+    // As the adapter does: get_IsBusy is only asked of a created instance.
+    if (ComFailed(answer.createResult)) answer.isBusyResult = 0;
+    answer.busy = answer.busy && !ComFailed(answer.createResult) && !ComFailed(answer.isBusyResult);
+    return answer;
 }
 
 }  // namespace platform

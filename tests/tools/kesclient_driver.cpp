@@ -1,27 +1,26 @@
-// Drives kesclient.dll the way the tool does, from the command line, for end-to-end tests and
-// benchmarks. Loads the DLL from its own folder only and binds the ordinals; prints the library's
-// log lines as "[level] message" on stdout; exits with the library's result code.
+// Drives kesclient.dll as the tool does, for end-to-end tests and benchmarks: loads it from its own
+// folder only, prints its log lines as "[level] message", then "result N", and exits with N.
 //
 //   kesclient_driver --folder DIR --url URL [--url URL2 ...] [--trust pem:FILE|system|none]
 //                    [--pin HEX ...] [--proxy HOST:PORT ...] [--pac URL] [--checksum TEXT]
 //                    [--size N] [--no-verify-size] [--payload exe|tar|zip|N] [--id ID]
-//                    [--stats]
-//                    (--stats: at exit, prints the download's wall time and the process's peak
-//                    working set, for benchmarks)
-//   kesclient_driver --add-root FILE | --remove-root FILE
-//                    (adds or removes a PEM certificate in the machine's Root store, for
-//                    tests of the system-store mode; exits 0 on success)
+//                    [--stats]  (at exit: the download's wall time and the peak working set)
+//   kesclient_driver --add-root FILE | --remove-root FILE  (a PEM certificate in the machine's
+//                    Root store, for tests of the system-store mode)
 //
 // Exit codes of its own: 200 DLL or ordinal missing, 201 bad arguments, 202 store change failed.
 #include <windows.h>
-// <wincrypt.h> needs <windows.h> first.
-#include <wincrypt.h>
-// K32GetProcessMemoryInfo lives in kernel32: no psapi library to link.
+// <wincrypt.h> needs <windows.h> first; K32GetProcessMemoryInfo lives in kernel32.
 #include <psapi.h>
+#include <wincrypt.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -29,15 +28,13 @@
 
 namespace {
 
-constexpr int kExitNoLibrary = 200;
-constexpr int kExitUsage = 201;
-constexpr int kExitStore = 202;
+constexpr int kExitNoLibrary = 200, kExitUsage = 201, kExitStore = 202;
 
 std::string Utf8(const wchar_t* text) {
     const int length = ::WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    if (length <= 1) return {};
-    std::string out(static_cast<std::size_t>(length - 1), '\0');
+    std::string out(length > 1 ? length : 1, '\0');
     ::WideCharToMultiByte(CP_UTF8, 0, text, -1, out.data(), length, nullptr, nullptr);
+    out.pop_back();
     return out;
 }
 
@@ -49,72 +46,47 @@ void PrintLogLine(int level, const char* format, va_list args) {
     std::fflush(stdout);
 }
 
-struct Options {
-    std::string folder, id = "driver", pac, checksum, trust = "system";
-    std::vector<std::string> urls, pins, proxies;
-    long long size = 0;
-    int verifySize = 1;
-    int payload = KESCLIENT_PAYLOAD_EXE;
-    bool stats = false;
-};
-
-KesClientString View(const std::string& text) {
-    return KesClientString{text.data(), text.size()};
-}
+KesClientString View(const std::string& text) { return {text.data(), text.size()}; }
 
 struct ListView {
     explicit ListView(const std::vector<std::string>& texts) {
         for (const auto& text : texts) items.push_back(View(text));
     }
-    KesClientStringList list() const { return KesClientStringList{items.data(), items.size()}; }
+    KesClientStringList list() const { return {items.data(), items.size()}; }
     std::vector<KesClientString> items;
 };
 
-// Adds or removes a certificate of a PEM file in the machine's Root store.
-int ChangeRoot(const std::wstring& path, bool add) {
-    HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return kExitStore;
-    std::string pem(1 << 20, '\0');
-    DWORD read = 0;
-    const BOOL ok = ::ReadFile(file, pem.data(), static_cast<DWORD>(pem.size()), &read, nullptr);
-    ::CloseHandle(file);
-    if (!ok) return kExitStore;
-    DWORD derSize = 0;
-    if (!::CryptStringToBinaryA(pem.data(), read, CRYPT_STRING_BASE64HEADER, nullptr, &derSize,
-                                nullptr, nullptr)) {
-        return kExitStore;
-    }
-    std::vector<BYTE> der(derSize);
-    ::CryptStringToBinaryA(pem.data(), read, CRYPT_STRING_BASE64HEADER, der.data(), &derSize,
-                           nullptr, nullptr);
+int ChangeRoot(const wchar_t* path, bool add) {
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
+    const std::string pem{std::istreambuf_iterator<char>(file), {}};
+    DWORD size = 0;
+    const auto decode = [&](BYTE* der) {
+        return ::CryptStringToBinaryA(pem.data(), static_cast<DWORD>(pem.size()),
+                                      CRYPT_STRING_BASE64HEADER, der, &size, nullptr, nullptr);
+    };
+    if (!file || !decode(nullptr)) return kExitStore;
+    std::vector<BYTE> der(size);
+    decode(der.data());
     HCERTSTORE store =
         ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"Root");
-    if (store == nullptr) return kExitStore;
-    PCCERT_CONTEXT certificate =
-        ::CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), derSize);
+    PCCERT_CONTEXT cert = ::CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), size);
     bool done = false;
-    if (certificate != nullptr) {
-        if (add) {
-            done = ::CertAddCertificateContextToStore(store, certificate,
-                                                      CERT_STORE_ADD_REPLACE_EXISTING, nullptr);
-        } else {
-            PCCERT_CONTEXT found = ::CertFindCertificateInStore(
-                store, X509_ASN_ENCODING, 0, CERT_FIND_EXISTING, certificate, nullptr);
-            done =
-                found == nullptr || ::CertDeleteCertificateFromStore(found);  // deleting frees it
-        }
-        ::CertFreeCertificateContext(certificate);
+    if (store && cert && add) {
+        done = ::CertAddCertificateContextToStore(store, cert, CERT_STORE_ADD_REPLACE_EXISTING,
+                                                  nullptr);
+    } else if (store && cert) {
+        PCCERT_CONTEXT found = ::CertFindCertificateInStore(store, X509_ASN_ENCODING, 0,
+                                                            CERT_FIND_EXISTING, cert, nullptr);
+        done = !found || ::CertDeleteCertificateFromStore(found);  // deleting frees it
     }
-    ::CertCloseStore(store, 0);
+    if (cert) ::CertFreeCertificateContext(cert);
+    if (store) ::CertCloseStore(store, 0);
     return done ? 0 : kExitStore;
 }
 
-int PayloadType(const std::string& text) {
-    if (text == "exe") return KESCLIENT_PAYLOAD_EXE;
-    if (text == "tar") return KESCLIENT_PAYLOAD_TAR;
-    if (text == "zip") return KESCLIENT_PAYLOAD_ZIP;
-    return std::atoi(text.c_str());
+int Usage(const char* what, const std::wstring& flag) {
+    std::fprintf(stderr, "%s %s\n", what, Utf8(flag.c_str()).c_str());
+    return kExitUsage;
 }
 
 template <typename Fn>
@@ -126,49 +98,30 @@ Fn Bind(HMODULE module, int ordinal) {
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
-    Options options;
+    std::string folder, id = "driver", pac, checksum, trust = "system", size = "0", payload = "exe";
+    std::vector<std::string> urls, pins, proxies;
+    int verifySize = 1;
+    bool stats = false;
+    const std::map<std::wstring, std::string*> texts{
+        {L"--folder", &folder}, {L"--id", &id},     {L"--pac", &pac},   {L"--checksum", &checksum},
+        {L"--trust", &trust},   {L"--size", &size}, {L"--payload", &payload}};
+    const std::map<std::wstring, std::vector<std::string>*> lists{
+        {L"--url", &urls}, {L"--pin", &pins}, {L"--proxy", &proxies}};
     for (int i = 1; i < argc; ++i) {
         const std::wstring flag = argv[i];
-        if (flag == L"--no-verify-size") {
-            options.verifySize = 0;
-            continue;
-        }
-        if (flag == L"--stats") {
-            options.stats = true;
-            continue;
-        }
-        if (i + 1 >= argc) {
-            std::fprintf(stderr, "missing value after %s\n", Utf8(argv[i]).c_str());
-            return kExitUsage;
-        }
-        const std::string value = Utf8(argv[++i]);
-        if (flag == L"--add-root" || flag == L"--remove-root")
-            return ChangeRoot(argv[i], flag == L"--add-root");
-        if (flag == L"--folder")
-            options.folder = value;
-        else if (flag == L"--url")
-            options.urls.push_back(value);
-        else if (flag == L"--pin")
-            options.pins.push_back(value);
-        else if (flag == L"--proxy")
-            options.proxies.push_back(value);
-        else if (flag == L"--pac")
-            options.pac = value;
-        else if (flag == L"--checksum")
-            options.checksum = value;
-        else if (flag == L"--size")
-            options.size = std::atoll(value.c_str());
-        else if (flag == L"--payload")
-            options.payload = PayloadType(value);
-        else if (flag == L"--trust")
-            options.trust = value;
-        else if (flag == L"--id")
-            options.id = value;
-        else {
-            std::fprintf(stderr, "unknown option %s\n", Utf8(flag.c_str()).c_str());
-            return kExitUsage;
-        }
+        if (flag == L"--no-verify-size") verifySize = 0;
+        else if (flag == L"--stats") stats = true;
+        else if (i + 1 >= argc) return Usage("missing value after", flag);
+        else if (flag == L"--add-root" || flag == L"--remove-root")
+            return ChangeRoot(argv[++i], flag == L"--add-root");
+        else if (texts.count(flag)) *texts.at(flag) = Utf8(argv[++i]);
+        else if (lists.count(flag)) lists.at(flag)->push_back(Utf8(argv[++i]));
+        else return Usage("unknown option", flag);
     }
+    const int payloadType = payload == "exe"   ? KESCLIENT_PAYLOAD_EXE
+                            : payload == "tar" ? KESCLIENT_PAYLOAD_TAR
+                            : payload == "zip" ? KESCLIENT_PAYLOAD_ZIP
+                                               : std::atoi(payload.c_str());
 
     HMODULE module =
         ::LoadLibraryExW(L"kesclient.dll", nullptr,
@@ -183,44 +136,38 @@ int wmain(int argc, wchar_t** argv) {
         Bind<KesClientReleaseDownloadFn>(module, KESCLIENT_ORDINAL_RELEASE_DOWNLOAD);
     const auto setLog = Bind<KesClientSetLogCallbackFn>(module, KESCLIENT_ORDINAL_SET_LOG_CALLBACK);
     const auto usePem = Bind<KesClientUsePemFileFn>(module, KESCLIENT_ORDINAL_USE_PEM_FILE);
-    const auto useSystem =
-        Bind<KesClientUseSystemStoreFn>(module, KESCLIENT_ORDINAL_USE_SYSTEM_STORE);
-    if (!run || !create || !release || !setLog || !usePem || !useSystem) {
+    const auto useSys = Bind<KesClientUseSystemStoreFn>(module, KESCLIENT_ORDINAL_USE_SYSTEM_STORE);
+    if (!run || !create || !release || !setLog || !usePem || !useSys) {
         std::fprintf(stderr, "kesclient.dll lacks an ordinal\n");
         return kExitNoLibrary;
     }
 
     setLog(PrintLogLine);
-    if (options.trust.rfind("pem:", 0) == 0) {
-        const std::string path = options.trust.substr(4);
-        const KesClientString pem = View(path);
-        usePem(&pem);
-    } else if (options.trust == "system") {
-        const int enable = 1;
-        useSystem(&enable);
-    }
-    const KesClientString id = View(options.id), pac = View(options.pac),
-                          folder = View(options.folder), checksum = View(options.checksum);
-    const ListView urls(options.urls), pins(options.pins), proxies(options.proxies);
+    const std::string pemPath = trust.rfind("pem:", 0) == 0 ? trust.substr(4) : "";
+    const KesClientString pem = View(pemPath), idText = View(id), pacText = View(pac),
+                          folderText = View(folder), checksumText = View(checksum);
+    const int enable = 1;
+    if (trust.rfind("pem:", 0) == 0) usePem(&pem);
+    else if (trust == "system") useSys(&enable);
+    const ListView urlList(urls), pinList(pins), proxyList(proxies);
     KesClientDownload* download =
-        create(&id, options.size, options.verifySize, urls.list(), pins.list(), proxies.list(),
-               &pac, &folder, &checksum, 0, options.payload);
+        create(&idText, std::atoll(size.c_str()), verifySize, urlList.list(), pinList.list(),
+               proxyList.list(), &pacText, &folderText, &checksumText, 0, payloadType);
     if (download == nullptr) return kExitNoLibrary;
     KesClientDownload* const items[] = {download};
     LARGE_INTEGER frequency{}, began{}, ended{};
     ::QueryPerformanceFrequency(&frequency);
     ::QueryPerformanceCounter(&began);
-    const int result = run(&folder, KesClientDownloadList{items, 1});
+    const int result = run(&folderText, KesClientDownloadList{items, 1});
     ::QueryPerformanceCounter(&ended);
     release(download);
     std::printf("result %d\n", result);
-    if (options.stats) {
+    if (stats) {
         PROCESS_MEMORY_COUNTERS counters{};
         counters.cb = sizeof(counters);
         ::K32GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof(counters));
         std::printf("elapsed-seconds %.6f\npeak-working-set-bytes %llu\n",
-                    static_cast<double>(ended.QuadPart - began.QuadPart) /
-                        static_cast<double>(frequency.QuadPart),
+                    double(ended.QuadPart - began.QuadPart) / double(frequency.QuadPart),
                     static_cast<unsigned long long>(counters.PeakWorkingSetSize));
     }
     return result;
