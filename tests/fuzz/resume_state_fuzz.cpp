@@ -7,15 +7,14 @@
 
 using namespace kesclient;
 
-static bool IsPrintable(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c <= 0x7E; });
+static bool Printable(std::string_view text) {
+    return std::ranges::all_of(text, [](char c) { return c >= 0x20 && c <= 0x7E; });
 }
 
 // What the writer can represent faithfully, and so all that a read may accept.
-static bool Representable(const ResumeState& state) {
-    return !state.url.empty() && !state.validator.empty() && IsPrintable(state.url) &&
-           IsPrintable(state.validator) && IsPrintable(state.checksum) &&
-           (state.total == 0 || state.offset <= state.total);
+static bool Representable(const ResumeState& s) {
+    return !s.url.empty() && !s.validator.empty() && Printable(s.url) && Printable(s.validator) &&
+           Printable(s.checksum) && (s.total == 0 || s.offset <= s.total);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -31,10 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::memcpy(&state.offset, data, 8);
     std::memcpy(&state.total, data + 8, 8);
     const auto [url, rest] = fuzz::SplitAt(text.substr(16), '\n');
-    const auto [validator, checksum] = fuzz::SplitAt(rest, '\n');
     state.url = url;
-    state.validator = validator;
-    state.checksum = checksum;
+    std::tie(state.validator, state.checksum) = fuzz::SplitAt(rest, '\n');
     const auto read = ParseResumeState(SerialiseResumeState(state));
     if (Representable(state) && state.checksum != "none") FUZZ_CHECK(read == state);
     if (read)

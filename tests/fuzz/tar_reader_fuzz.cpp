@@ -7,35 +7,31 @@ using namespace kesclient;
 
 constexpr std::uint64_t kMax63Bits = ~std::uint64_t{0} >> 1;
 
-class Recorder : public TarEvents {
-public:
+struct Recorder : TarEvents {
     bool OnEntry(const TarEntry& entry, std::string*) override {
         FUZZ_CHECK(!inEntry && !entry.name.empty() && entry.size <= kMax63Bits);
         inEntry = true;
-        isFile_ = entry.type == TarEntryType::kFile;
-        left_ = entry.size;
+        isFile = entry.type == TarEntryType::kFile;
+        left = entry.size;
         log += "entry " + std::to_string(int(entry.type)) + " " + std::to_string(entry.size) + " " +
                entry.name + "\n";
         return true;
     }
     bool OnData(const std::uint8_t* data, std::size_t size, std::string*) override {
-        FUZZ_CHECK(inEntry && isFile_ && size > 0 && size <= left_);
-        left_ -= size;
-        log.append(reinterpret_cast<const char*>(data), size);
+        FUZZ_CHECK(inEntry && isFile && size > 0 && size <= left);
+        left -= size;
+        log.append(fuzz::Text(data, size));
         return true;
     }
     bool OnEntryEnd(std::string*) override {
-        FUZZ_CHECK(inEntry && (!isFile_ || left_ == 0));
+        FUZZ_CHECK(inEntry && (!isFile || left == 0));
         inEntry = false;
         log += "\nend\n";
         return true;
     }
     std::string log;  // one line per event, data concatenated
-    bool inEntry = false;
-
-private:
-    bool isFile_ = false;
-    std::uint64_t left_ = 0;
+    bool inEntry = false, isFile = false;
+    std::uint64_t left = 0;
 };
 
 // Whether all was fed and whether it finished, then the events.
@@ -45,8 +41,8 @@ static std::string Read(const fuzz::Bytes& archive, std::size_t chunk) {
     const bool fed = fuzz::FeedInChunks(reader, archive, chunk);
     FUZZ_CHECK(fed || !reader.error().empty());
     const bool finished = reader.Finish();
-    FUZZ_CHECK(finished == (fed && reader.ended()));
-    FUZZ_CHECK(!finished || !recorder.inEntry);  // the end marker closes every entry
+    // The end marker closes every entry.
+    FUZZ_CHECK(finished == (fed && reader.ended()) && (!finished || !recorder.inEntry));
     return std::to_string(fed) + std::to_string(finished) + (fed ? recorder.log : "");
 }
 
@@ -55,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const std::size_t width : {8, 12})
         if (size >= width) FUZZ_CHECK(ParseTarNumber(data, width).value_or(0) <= kMax63Bits);
     const auto records = ParsePaxRecords(fuzz::Text(data, size));
-    if (records) FUZZ_CHECK(records->size.value_or(0) <= kMax63Bits);
+    FUZZ_CHECK(!records || records->size.value_or(0) <= kMax63Bits);
     // The first byte picks the chunk size; the rest is the archive.
     if (size < 1) return 0;
     const fuzz::Bytes archive(data + 1, data + size);
