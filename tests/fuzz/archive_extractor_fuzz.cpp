@@ -11,12 +11,11 @@ using namespace kesclient;
 constexpr std::uint64_t kMaxEntries = 64, kMaxTotalBytes = 64 * 1024;
 static const std::vector<std::string> kReserved = {"~staging", ".kesclient-partial"};
 
+using Path = std::vector<std::string>;
+
 struct CheckingSink : ExtractionSink {
-    bool MakeDirectory(const std::vector<std::string>& path, std::string*) override {
-        return Claim(path, false);
-    }
-    bool BeginFile(const std::vector<std::string>& path, std::uint64_t size,
-                   std::string*) override {
+    bool MakeDirectory(const Path& path, std::string*) override { return Claim(path, false); }
+    bool BeginFile(const Path& path, std::uint64_t size, std::string*) override {
         inFile = Claim(path, true);
         left = size;
         FUZZ_CHECK((announced += size) <= kMaxTotalBytes);
@@ -34,9 +33,9 @@ struct CheckingSink : ExtractionSink {
     }
     // Only names the entry-name rules accept as they stand, no reserved top-level name, and no
     // name twice or below a file regardless of case (folders may repeat).
-    bool Claim(const std::vector<std::string>& path, bool file) {
+    bool Claim(const Path& path, bool file) {
         FUZZ_CHECK(!inFile && ++entries <= kMaxEntries);
-        FUZZ_CHECK(!path.empty() && SplitEntryName(fuzz::Joined(path, "/"), nullptr) == path);
+        FUZZ_CHECK(!path.empty() && SplitEntryName(fuzz::Joined(path), nullptr) == path);
         for (const std::string& name : kReserved) FUZZ_CHECK(FoldCase(path.front()) != name);
         std::string key;
         for (std::size_t depth = 1; depth <= path.size(); ++depth) {
@@ -51,8 +50,8 @@ struct CheckingSink : ExtractionSink {
     std::uint64_t entries = 0, left = 0, announced = 0;
 };
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 1) return 0;
+FUZZ_TARGET {
+    if (size < 1) return;
     // First byte: bit 0 gzips the rest here (so the fuzzer's tar structures also travel through
     // gzip), the others pick the chunk size.
     fuzz::Bytes archive(data + 1, data + size);
@@ -63,5 +62,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FUZZ_CHECK(fed || !extractor.error().empty());
     if (fed && extractor.Finish()) FUZZ_CHECK(!sink.inFile);
     FUZZ_CHECK(extractor.file_bytes() <= kMaxTotalBytes);
-    return 0;
 }

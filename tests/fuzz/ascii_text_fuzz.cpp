@@ -12,8 +12,7 @@ static void CheckDecimal(std::string_view text, std::uint64_t max) {
     // Refused exactly when the text is no number or its value is past the limit: no wrap-around.
     const std::string_view digits = text.substr(std::min(text.find_first_not_of('0'), text.size()));
     const std::string limit = std::to_string(max);
-    const bool above =
-        digits.size() != limit.size() ? digits.size() > limit.size() : digits > limit;
+    const bool above = std::tuple(digits.size(), digits) > std::tuple(limit.size(), limit);
     FUZZ_CHECK(value.has_value() ==
                (!text.empty() && text.find_first_not_of("0123456789") == text.npos && !above));
     // Only leading zeros may vanish.
@@ -21,7 +20,6 @@ static void CheckDecimal(std::string_view text, std::uint64_t max) {
         FUZZ_CHECK(*value <= max && (digits.empty() ? "0" : digits) == std::to_string(*value));
 }
 
-// A view into the text without the blanks at either end.
 static void CheckTrim(std::string_view text, std::string_view blanks) {
     const std::string_view trimmed = Trim(text, blanks);
     const std::size_t first = text.find_first_not_of(blanks);
@@ -48,7 +46,7 @@ static void CheckCase(std::string_view a, std::string_view b) {
                (a.size() >= b.size() && EqualsNoCase(a.substr(0, b.size()), b)));
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET {
     const std::string_view text = fuzz::Text(data, size);
     CheckDecimal(text, ~std::uint64_t{0});
     CheckTrim(text, kBlanks);
@@ -62,5 +60,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     const auto [a, b] = fuzz::SplitAt(text, '\n');
     CheckCase(a, b);
-    return 0;
 }

@@ -36,8 +36,7 @@ static void Run(const std::wstring& commandLine) {
     FUZZ_CHECK(app.version == L"8.13.0.1" && app.filename == L"setup.exe");
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET {
     Run(fuzz::Widened(data, size));
     Run(fuzz::Utf16Le(data, size));
-    return 0;
 }

@@ -7,7 +7,6 @@
 
 using namespace kesclient;
 
-// The hex digits of text in order, lower-cased: what an accepted digest must consist of.
 static std::string HexDigitsOf(std::string_view text) {
     std::string digits;
     for (const unsigned char c : text)
@@ -18,11 +17,11 @@ static std::string HexDigitsOf(std::string_view text) {
 // Lower-case hex of the algorithm's length, made of the text's last hex digits (separators and
 // invisible marks are dropped, never digits; a checksum's algorithm prefix has digits of its own).
 static void CheckCanonical(const Digest& digest, std::string_view text) {
-    FUZZ_CHECK(digest.hex.size() == DigestHexLength(digest.algorithm));
-    FUZZ_CHECK(HexDigitsOf(digest.hex) == digest.hex && HexDigitsOf(text).ends_with(digest.hex));
+    FUZZ_CHECK(digest.hex.size() == DigestHexLength(digest.algorithm) &&
+               HexDigitsOf(digest.hex) == digest.hex && HexDigitsOf(text).ends_with(digest.hex));
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET {
     const std::string_view text = fuzz::Text(data, size);
     if (const auto print = ParseThumbprint(text)) {
         CheckCanonical(*print, text);
@@ -39,5 +38,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string hex = HexEncode(data, size);
     if (size == 20 || size == 32) FUZZ_CHECK(ParseThumbprint(hex).value_or(Digest{}).hex == hex);
     if (size == 32 || size == 64) FUZZ_CHECK(ParseChecksum(hex).value_or(Digest{}).hex == hex);
-    return 0;
 }

@@ -4,17 +4,24 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #define FUZZ_CHECK(condition) ((condition) ? void() : fuzz::Fail(__FILE__, __LINE__, #condition))
+
+// A target's body, `FUZZ_TARGET { ... }`, reading `data` and `size`: libFuzzer's entry point.
+#define FUZZ_TARGET                                                                     \
+    static void FuzzOne(const std::uint8_t* data, std::size_t size);                    \
+    extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) { \
+        FuzzOne(data, size);                                                            \
+        return 0;                                                                       \
+    }                                                                                   \
+    static void FuzzOne(const std::uint8_t* data, std::size_t size)
 
 namespace fuzz {
 
@@ -40,10 +47,10 @@ inline std::wstring Utf16Le(const std::uint8_t* data, std::size_t size) {
     return text;
 }
 
-inline std::string Joined(const std::vector<std::string>& parts, std::string_view separator) {
+// Entry-name components as one name.
+inline std::string Joined(const std::vector<std::string>& parts) {
     std::string text;
-    for (const std::string& part : parts)
-        text += (text.empty() ? "" : std::string(separator)) + part;
+    for (const std::string& part : parts) text += (text.empty() ? "" : "/") + part;
     return text;
 }
 
@@ -64,17 +71,18 @@ auto SplitAt(std::basic_string_view<Char> text, Char separator) {
     return std::pair(text.substr(0, at), text.substr(std::min(at + 1, text.size())));
 }
 
-// One gzip member, as a server would send a package.
-inline Bytes Gzip(const std::uint8_t* data, std::size_t size, int level = 6) {
+// One gzip member, as a server would send a package, after the members in `out`.
+inline Bytes Gzip(const std::uint8_t* data, std::size_t size, int level = 6, Bytes out = {}) {
     z_stream z{};
     FUZZ_CHECK(deflateInit2(&z, level, Z_DEFLATED, 16 + MAX_WBITS, 8, Z_DEFAULT_STRATEGY) == Z_OK);
-    Bytes out(deflateBound(&z, uLong(size)) + 32);
+    const std::size_t at = out.size();
+    out.resize(at + deflateBound(&z, uLong(size)) + 32);
     z.next_in = const_cast<Bytef*>(data);
     z.avail_in = uInt(size);
-    z.next_out = out.data();
-    z.avail_out = uInt(out.size());
+    z.next_out = out.data() + at;
+    z.avail_out = uInt(out.size() - at);
     FUZZ_CHECK(deflate(&z, Z_FINISH) == Z_STREAM_END);
-    out.resize(z.total_out);
+    out.resize(at + z.total_out);
     deflateEnd(&z);
     return out;
 }

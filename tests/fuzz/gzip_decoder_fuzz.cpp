@@ -13,8 +13,7 @@ static std::optional<fuzz::Bytes> Decode(const fuzz::Bytes& stream, std::size_t 
     GzipDecoder decoder(limits);
     fuzz::Bytes out;
     const GzipDecoder::Sink sink = [&out](const std::uint8_t* data, std::size_t size) {
-        out.insert(out.end(), data, data + size);
-        return true;
+        return out.insert(out.end(), data, data + size), true;
     };
     const bool fed = fuzz::FeedInChunks(decoder, stream, chunk, sink);
     const std::uint8_t more[] = {0x1F, 0x8B, 0x08};  // a refused stream stays refused
@@ -31,30 +30,26 @@ static std::optional<fuzz::Bytes> Decode(const fuzz::Bytes& stream, std::size_t 
     return accepted ? std::optional(out) : std::nullopt;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size < 4) return 0;
+FUZZ_TARGET {
+    if (size < 4) return;
     const int mode = data[0] % 4;
     const std::size_t chunk = 1 + data[1] % 64;
     const GzipLimits limits{(data[2] + 1u) * 1024u, 1u + data[3] % 16u, (data[0] >> 4) * 512u};
     const fuzz::Bytes original(data + 4, data + size);
     // Modes 2 and 3 compress the input here: one member, or two as `cat a.gz b.gz` makes them.
-    fuzz::Bytes stream = original;
+    fuzz::Bytes stream =
+        mode == 2 ? fuzz::Gzip(original.data(), original.size(), data[0] % 10) : original;
     const std::size_t half = original.size() / 2;
-    if (mode == 2) stream = fuzz::Gzip(original.data(), original.size(), data[0] % 10);
-    if (mode == 3) {
-        stream = fuzz::Gzip(original.data(), half, 1);
-        const fuzz::Bytes second = fuzz::Gzip(original.data() + half, original.size() - half, 9);
-        stream.insert(stream.end(), second.begin(), second.end());
-    }
-    // Where the stream is cut must not matter. The ratio is checked as the bytes arrive, so the
-    // cut may change which limit trips first: compare with limits a 4 KiB input cannot reach
-    // (deflate expands at most about 1032 times).
+    if (mode == 3)
+        stream = fuzz::Gzip(original.data() + half, original.size() - half, 9,
+                            fuzz::Gzip(original.data(), half, 1));
+    // Where the stream is cut must not matter, under limits a 4 KiB input cannot reach (deflate
+    // expands at most ~1032 times): the cut may change which limit trips first.
     const GzipLimits roomy{64ull << 20, 1ull << 20, 0};
     const auto whole = Decode(stream, stream.size() + 1, roomy);
     FUZZ_CHECK(whole == Decode(stream, chunk, roomy) && (mode < 2 || !whole || *whole == original));
-    // Under tight limits: the same output, or a refusal. Our own single member is refused only by
-    // the limits: decoded in one piece, its output comes after all its input, so the ratio is the
-    // overall one.
+    // Under tight limits: the same output, or a refusal; of our own single member, decoded in one
+    // piece, only for the overall size or ratio.
     const auto limited = Decode(stream, stream.size() + 1, limits);
     for (const auto& outcome : {limited, Decode(stream, chunk, limits)})
         FUZZ_CHECK(!outcome || outcome == whole);
@@ -62,5 +57,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         (original.size() <= limits.ratioAllowance ||
          original.size() / stream.size() <= limits.maxRatio))
         FUZZ_CHECK(limited);
-    return 0;
 }

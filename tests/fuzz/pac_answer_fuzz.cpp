@@ -7,9 +7,9 @@ using namespace kesclient;
 
 // "host:port", port a plain decimal 1-65535, and normalising it again changes nothing.
 static void CheckNormalForm(const std::string& proxy) {
-    FUZZ_CHECK(NormaliseProxy(proxy) == proxy);
     const std::size_t colon = proxy.rfind(':');
-    FUZZ_CHECK(colon != std::string::npos && colon > 0 && colon + 1 < proxy.size());
+    FUZZ_CHECK(NormaliseProxy(proxy) == proxy && colon != proxy.npos && colon > 0 &&
+               colon + 1 < proxy.size());
     const std::string port = proxy.substr(colon + 1);
     FUZZ_CHECK(port.size() <= 5 && port.front() != '0' && std::stoul(port) <= 65535);
     for (const char c : proxy) FUZZ_CHECK(c > 0x20 && c < 0x7F && c != '/' && c != '@');
@@ -25,7 +25,7 @@ static bool CheckRoutes(const std::vector<Route>& routes) {
     return std::any_of(routes.begin(), routes.end(), [](const Route& r) { return r.direct; });
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET {
     const std::string_view text = fuzz::Text(data, size);
     if (const auto normal = NormaliseProxy(text)) CheckNormalForm(*normal);
     // The input up to the first NUL is the PAC answer, the rest the proxy list, one per line.
@@ -40,13 +40,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::vector<Route> pacRoutes = ParsePacAnswer(answer, &skipped);
     const bool pacDirect = CheckRoutes(pacRoutes);
     for (const std::string& entry : skipped) FUZZ_CHECK(answer.find(entry) != answer.npos);
-    // With a PAC script: its routes first and in its order, then the list; direct only when the
-    // script itself says so.
+    // With a PAC script: its routes first and in order, then the list; direct only if it says so.
     const std::vector<Route> routes = PlanRoutes(true, pacRoutes, list, nullptr);
     FUZZ_CHECK(routes.size() >= pacRoutes.size() &&
                std::equal(pacRoutes.begin(), pacRoutes.end(), routes.begin()));
     FUZZ_CHECK(!CheckRoutes(routes) || pacDirect);
     // Without one: the list, or a direct connection when it is empty.
     FUZZ_CHECK(CheckRoutes(PlanRoutes(false, {}, list, nullptr)) == !anyListed);
-    return 0;
 }

@@ -17,7 +17,7 @@ static bool Representable(const ResumeState& s) {
            Printable(s.checksum) && (s.total == 0 || s.offset <= s.total);
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET {
     const std::string_view text = fuzz::Text(data, size);
     if (const auto state = ParseResumeState(text)) {
         FUZZ_CHECK(text.size() <= kMaxResumeStateBytes && Representable(*state));
@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     // The writer's side: a state built from the input reads back as written, or is refused as a
     // whole; offset and total from the first 16 bytes, then url, validator and checksum by line.
-    if (size < 16) return 0;
+    if (size < 16) return;
     ResumeState state;
     std::memcpy(&state.offset, data, 8);
     std::memcpy(&state.total, data + 8, 8);
@@ -36,5 +36,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (Representable(state) && state.checksum != "none") FUZZ_CHECK(read == state);
     if (read)
         FUZZ_CHECK(Representable(*read) && ParseResumeState(SerialiseResumeState(*read)) == read);
-    return 0;
 }

@@ -11,50 +11,45 @@ struct Recorder : TarEvents {
     bool OnEntry(const TarEntry& entry, std::string*) override {
         FUZZ_CHECK(!inEntry && !entry.name.empty() && entry.size <= kMax63Bits);
         inEntry = true;
-        isFile = entry.type == TarEntryType::kFile;
-        left = entry.size;
+        left = entry.type == TarEntryType::kFile ? entry.size : 0;  // no data outside a file
         log += "entry " + std::to_string(int(entry.type)) + " " + std::to_string(entry.size) + " " +
                entry.name + "\n";
         return true;
     }
     bool OnData(const std::uint8_t* data, std::size_t size, std::string*) override {
-        FUZZ_CHECK(inEntry && isFile && size > 0 && size <= left);
+        FUZZ_CHECK(inEntry && size > 0 && size <= left);
         left -= size;
         log.append(fuzz::Text(data, size));
         return true;
     }
     bool OnEntryEnd(std::string*) override {
-        FUZZ_CHECK(inEntry && (!isFile || left == 0));
+        FUZZ_CHECK(inEntry && left == 0);
         inEntry = false;
         log += "\nend\n";
         return true;
     }
     std::string log;  // one line per event, data concatenated
-    bool inEntry = false, isFile = false;
+    bool inEntry = false;
     std::uint64_t left = 0;
 };
 
-// Whether all was fed and whether it finished, then the events.
 static std::string Read(const fuzz::Bytes& archive, std::size_t chunk) {
     Recorder recorder;
     TarReader reader(recorder);
     const bool fed = fuzz::FeedInChunks(reader, archive, chunk);
     FUZZ_CHECK(fed || !reader.error().empty());
     const bool finished = reader.Finish();
-    // The end marker closes every entry.
     FUZZ_CHECK(finished == (fed && reader.ended()) && (!finished || !recorder.inEntry));
     return std::to_string(fed) + std::to_string(finished) + (fed ? recorder.log : "");
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET {
     // Numeric fields and pax sizes: whatever value is read fits the 63 bits the reader promises.
     for (const std::size_t width : {8, 12})
         if (size >= width) FUZZ_CHECK(ParseTarNumber(data, width).value_or(0) <= kMax63Bits);
     const auto records = ParsePaxRecords(fuzz::Text(data, size));
     FUZZ_CHECK(!records || records->size.value_or(0) <= kMax63Bits);
-    // The first byte picks the chunk size; the rest is the archive.
-    if (size < 1) return 0;
+    if (size < 1) return;
     const fuzz::Bytes archive(data + 1, data + size);
     FUZZ_CHECK(Read(archive, size) == Read(archive, 1 + data[0] * 3));
-    return 0;
 }
