@@ -52,8 +52,7 @@ struct CheckingSink : ExtractionSink {
 
 FUZZ_TARGET {
     if (size < 1) return;
-    // First byte: bit 0 gzips the rest here (so the fuzzer's tar structures also travel through
-    // gzip), the others pick the chunk size.
+    // The first byte: bit 0 gzips the rest (tar structures through gzip too), the others the chunk.
     fuzz::Bytes archive(data + 1, data + size);
     if (data[0] & 1) archive = fuzz::Gzip(archive.data(), archive.size());
     CheckingSink sink;

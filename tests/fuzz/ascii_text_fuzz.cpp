@@ -58,6 +58,5 @@ FUZZ_TARGET {
         CheckDecimal(text.substr(8), max);
         CheckDecimal(text.substr(8), max % 100000);  // small limits, where the last digit matters
     }
-    const auto [a, b] = fuzz::SplitAt(text, '\n');
-    CheckCase(a, b);
+    std::apply(CheckCase, fuzz::SplitAt(text, '\n'));
 }

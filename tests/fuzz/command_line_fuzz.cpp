@@ -31,8 +31,8 @@ static void Run(const std::wstring& commandLine) {
     FUZZ_CHECK((!app.force || spelled(L"force")) && (!app.test || spelled(L"test")));
     FUZZ_CHECK(!proceed || !spelled(L"help"));
     if (!proceed || app.overrideFile.empty()) return;
-    FUZZ_CHECK(app.overrideFile.front() != L'-' && app.overrideFile.front() != L'/');
-    FUZZ_CHECK(std::find(first, tokens.end(), app.overrideFile) != tokens.end());
+    FUZZ_CHECK(app.overrideFile.front() != L'-' && app.overrideFile.front() != L'/' &&
+               std::find(first, tokens.end(), app.overrideFile) != tokens.end());
     FUZZ_CHECK(app.version == L"8.13.0.1" && app.filename == L"setup.exe");
 }
 

@@ -10,9 +10,8 @@ FUZZ_TARGET {
         for (const bool caseSensitive : {true, false}) {
             // A failed parse leaves no items; walking one name visits exactly its items, in order.
             CORE::PropertyBag bag;
-            const bool parsed = bag.Parse(text, caseSensitive);
+            FUZZ_CHECK(bag.Parse(text, caseSensitive) || bag.Items().empty());
             const auto& items = bag.Items();
-            FUZZ_CHECK(parsed || items.empty());
             std::size_t at = 0;
             std::wstring value;
             for (const auto& item : items) {

@@ -1,5 +1,7 @@
 // The tar reader alone, fed whole and in chunks the input picks: the same events either way, nested
 // (data only inside a file, every entry ended once), and exactly the bytes each header announced.
+#include <fmt/format.h>
+
 #include "fuzz_check.h"
 #include "tar_reader.h"
 
@@ -12,8 +14,7 @@ struct Recorder : TarEvents {
         FUZZ_CHECK(!inEntry && !entry.name.empty() && entry.size <= kMax63Bits);
         inEntry = true;
         left = entry.type == TarEntryType::kFile ? entry.size : 0;  // no data outside a file
-        log += "entry " + std::to_string(int(entry.type)) + " " + std::to_string(entry.size) + " " +
-               entry.name + "\n";
+        log += fmt::format("entry {} {} {}\n", int(entry.type), entry.size, entry.name);
         return true;
     }
     bool OnData(const std::uint8_t* data, std::size_t size, std::string*) override {

@@ -1,5 +1,7 @@
 // Version texts from the update key, override files and the installer database: the number readers
 // agree with the C runtime they imitate, and the comparison is an order.
+#include <fmt/xchar.h>
+
 #include <climits>
 #include <cwchar>
 
@@ -24,16 +26,12 @@ FUZZ_TARGET {
                (ParseVersionText(second, b) || b == sentinel));
     // No upgrade to the same version, no known need cleared, never both ways between positives.
     FUZZ_CHECK(!UpgradeNeeded(a, a, false) && UpgradeNeeded(a, b, true));
-    const auto positive = [](const VersionNumbers& v) {
-        return std::ranges::all_of(v.leading, [](int n) { return n > 0; });
-    };
-    if (positive(a) && positive(b))
+    if (std::ranges::min(a.leading) > 0 && std::ranges::min(b.leading) > 0)
         FUZZ_CHECK(!(UpgradeNeeded(a, b, false) && UpgradeNeeded(b, a, false)));
     // Non-negative numbers (so not the sentinel) read back from their decimal form.
-    if (std::ranges::any_of(a.leading, [](int n) { return n < 0; })) return;
-    const std::wstring written = std::to_wstring(a.leading[0]) + L"." +
-                                 std::to_wstring(a.leading[1]) + L"." +
-                                 std::to_wstring(a.leading[2]) + L"-" + std::to_wstring(a.build);
+    if (std::ranges::min(a.leading) < 0) return;
+    const auto written =
+        fmt::format(L"{}.{}.{}-{}", a.leading[0], a.leading[1], a.leading[2], a.build);
     VersionNumbers again = sentinel;
     FUZZ_CHECK(ParseVersionText(written, again) && again == a);
 }
