@@ -12,7 +12,8 @@ static void CheckDecimal(std::string_view text, std::uint64_t max) {
     // Refused exactly when the text is no number or its value is past the limit: no wrap-around.
     const std::string_view digits = text.substr(std::min(text.find_first_not_of('0'), text.size()));
     const std::string limit = std::to_string(max);
-    const bool above = std::tuple(digits.size(), digits) > std::tuple(limit.size(), limit);
+    const bool above =
+        std::tuple(digits.size(), digits) > std::tuple(limit.size(), std::string_view(limit));
     FUZZ_CHECK(value.has_value() ==
                (!text.empty() && text.find_first_not_of("0123456789") == text.npos && !above));
     // Only leading zeros may vanish.

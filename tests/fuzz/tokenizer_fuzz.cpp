@@ -8,7 +8,6 @@ static void Check(const std::wstring& text, const std::wstring& separators) {
     std::size_t characters = 0;
     for (const std::wstring& token : tokens)
         FUZZ_CHECK(!token.empty() && (characters += token.size()) <= text.size());
-    // A separator in front changes nothing.
     FUZZ_CHECK(core::SplitTokens(separators.substr(0, 1) + text, separators) == tokens);
     if (text.find_first_of(L"\"'") != text.npos) return;
     std::vector<std::wstring> plain;
