@@ -9,15 +9,6 @@
 
 constexpr const wchar_t* kWorkspace = L"C:\\ProgramData\\Quorvane\\Workspace";
 
-static bool Spelled(const std::vector<std::wstring>& tokens, const std::wstring& option) {
-    for (std::size_t i = 1; i < tokens.size(); ++i) {
-        if (platform::EqualsIgnoreCase(tokens[i], L"-" + option) ||
-            platform::EqualsIgnoreCase(tokens[i], L"/" + option))
-            return true;
-    }
-    return false;
-}
-
 static void Run(const std::wstring& commandLine) {
     fake::Reset();
     fake::State().commandLine = commandLine;
@@ -27,23 +18,25 @@ static void Run(const std::wstring& commandLine) {
     const std::vector<std::wstring> tokens = core::SplitTokens(commandLine, L" \t\r\n");
     for (const std::wstring& token : tokens)
         fake::State().files[core::PathJoin(kWorkspace, token)] = {settings.begin(), settings.end()};
-
+    const auto first = tokens.begin() + (tokens.empty() ? 0 : 1);  // after the program's name
+    const auto spelled = [&](const std::wstring& option) {
+        return std::any_of(first, tokens.end(), [&](const std::wstring& t) {
+            return platform::EqualsIgnoreCase(t, L"-" + option) ||
+                   platform::EqualsIgnoreCase(t, L"/" + option);
+        });
+    };
     App app;
     app.workspace = kWorkspace;
     const bool proceed = app.ParseCmdline(platform::CommandLine());
-    FUZZ_CHECK((!app.force || Spelled(tokens, L"force")) &&
-               (!app.test || Spelled(tokens, L"test")));
-    if (!proceed) return;
-    FUZZ_CHECK(!Spelled(tokens, L"help"));
-    if (app.overrideFile.empty()) return;
-    FUZZ_CHECK(app.overrideFile.front() != L'-' && app.overrideFile.front() != L'/');
-    const auto first = tokens.begin() + (tokens.empty() ? 0 : 1);  // after the program's name
-    FUZZ_CHECK(std::find(first, tokens.end(), app.overrideFile) != tokens.end());
+    FUZZ_CHECK((!app.force || spelled(L"force")) && (!app.test || spelled(L"test")));
+    FUZZ_CHECK(!proceed || !spelled(L"help"));
+    if (!proceed || app.overrideFile.empty()) return;
+    FUZZ_CHECK(app.overrideFile.front() != L'-' && app.overrideFile.front() != L'/' &&
+               std::find(first, tokens.end(), app.overrideFile) != tokens.end());
     FUZZ_CHECK(app.version == L"8.13.0.1" && app.filename == L"setup.exe");
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET {
     Run(fuzz::Widened(data, size));
     Run(fuzz::Utf16Le(data, size));
-    return 0;
 }

@@ -1,30 +1,36 @@
 #pragma once
-// What the fuzz targets share: the one assertion (a broken invariant aborts, so libFuzzer keeps
-// the input, and says which invariant it was), the readings of the input as text, and the shapes
-// of a stream that arrives in pieces.
+// What the fuzz targets share: the one assertion (abort, so libFuzzer keeps the input, naming the
+// invariant), the readings of the input as text, and the shapes of a stream arriving in pieces.
 #include <zlib.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <tuple>
 #include <vector>
 
-#define FUZZ_CHECK(condition)                                                                      \
-    do {                                                                                           \
-        if (!(condition)) {                                                                        \
-            std::fprintf(stderr, "%s:%d: invariant failed: %s\n", __FILE__, __LINE__, #condition); \
-            std::abort();                                                                          \
-        }                                                                                          \
-    } while (false)
+#define FUZZ_CHECK(condition) ((condition) ? void() : fuzz::Fail(__FILE__, __LINE__, #condition))
+
+// A target's body, `FUZZ_TARGET { ... }`, reading `data` and `size`: libFuzzer's entry point.
+#define FUZZ_TARGET                                                                     \
+    static void FuzzOne(const std::uint8_t* data, std::size_t size);                    \
+    extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) { \
+        FuzzOne(data, size);                                                            \
+        return 0;                                                                       \
+    }                                                                                   \
+    static void FuzzOne(const std::uint8_t* data, std::size_t size)
 
 namespace fuzz {
 
 using Bytes = std::vector<std::uint8_t>;
+
+[[noreturn]] inline void Fail(const char* file, int line, const char* condition) {
+    std::fprintf(stderr, "%s:%d: invariant failed: %s\n", file, line, condition);
+    std::abort();
+}
 
 inline std::string_view Text(const std::uint8_t* data, std::size_t size) {
     return {reinterpret_cast<const char*>(data), size};
@@ -37,19 +43,19 @@ inline std::wstring Widened(const std::uint8_t* data, std::size_t size) {
 inline std::wstring Utf16Le(const std::uint8_t* data, std::size_t size) {
     std::wstring text;
     for (std::size_t i = 0; i + 1 < size; i += 2)
-        text.push_back(static_cast<wchar_t>(data[i] | (data[i + 1] << 8)));
+        text.push_back(wchar_t(data[i] | data[i + 1] << 8));
     return text;
 }
 
-inline std::string Joined(const std::vector<std::string>& parts, std::string_view separator) {
+// Entry-name components as one name.
+inline std::string Joined(const std::vector<std::string>& parts) {
     std::string text;
-    for (const std::string& part : parts)
-        text += (text.empty() ? "" : std::string(separator)) + part;
+    for (const std::string& part : parts) text += (text.empty() ? "" : "/") + part;
     return text;
 }
 
-// Feeds the bytes to reader.Feed(piece, size, extra...) in pieces of `chunk` until it refuses one:
-// the network decides the pieces, so the outcome must not depend on them. True when all were taken.
+// Feeds reader.Feed(piece, size, extra...) pieces of `chunk` until one is refused: the network
+// decides the pieces, so the outcome must not depend on them. True when all were taken.
 template <class Reader, class... Extra>
 bool FeedInChunks(Reader& reader, const Bytes& bytes, std::size_t chunk, const Extra&... extra) {
     bool ok = true;
@@ -65,19 +71,19 @@ auto SplitAt(std::basic_string_view<Char> text, Char separator) {
     return std::pair(text.substr(0, at), text.substr(std::min(at + 1, text.size())));
 }
 
-// One gzip member, as a server would send a package.
-inline Bytes Gzip(const std::uint8_t* data, std::size_t size, int level = 6) {
-    z_stream stream{};
-    FUZZ_CHECK(deflateInit2(&stream, level, Z_DEFLATED, 16 + MAX_WBITS, 8, Z_DEFAULT_STRATEGY) ==
-               Z_OK);
-    Bytes out(deflateBound(&stream, static_cast<uLong>(size)) + 32);
-    stream.next_in = const_cast<Bytef*>(data);
-    stream.avail_in = static_cast<uInt>(size);
-    stream.next_out = out.data();
-    stream.avail_out = static_cast<uInt>(out.size());
-    FUZZ_CHECK(deflate(&stream, Z_FINISH) == Z_STREAM_END);
-    out.resize(stream.total_out);
-    deflateEnd(&stream);
+// One gzip member, as a server would send a package, after the members in `out`.
+inline Bytes Gzip(const std::uint8_t* data, std::size_t size, int level = 6, Bytes out = {}) {
+    z_stream z{};
+    FUZZ_CHECK(deflateInit2(&z, level, Z_DEFLATED, 16 + MAX_WBITS, 8, Z_DEFAULT_STRATEGY) == Z_OK);
+    const std::size_t at = out.size();
+    out.resize(at + deflateBound(&z, uLong(size)) + 32);
+    z.next_in = const_cast<Bytef*>(data);
+    z.avail_in = uInt(size);
+    z.next_out = out.data() + at;
+    z.avail_out = uInt(out.size() - at);
+    FUZZ_CHECK(deflate(&z, Z_FINISH) == Z_STREAM_END);
+    out.resize(at + z.total_out);
+    deflateEnd(&z);
     return out;
 }
 

@@ -5,39 +5,31 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 
 #include "fuzz_check.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-static std::string current;  // the input being replayed, named when it brings the run down
-static void NameInput() {
-    std::fprintf(stderr, "replaying %s\n", current.c_str());
-}
+static std::string current;  // named when it brings the run down (a sanitizer or FUZZ_CHECK)
 
 int main(int argc, char** argv) {
     std::vector<std::filesystem::path> inputs;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(argc == 2 ? argv[1] : "", error))
         if (entry.is_regular_file()) inputs.push_back(entry.path());
-    if (inputs.empty()) {
-        std::fprintf(stderr, "usage: %s <corpus folder with inputs>\n", argv[0]);
-        return 2;
-    }
-    std::sort(inputs.begin(), inputs.end());         // the same order every time
-    __sanitizer_set_death_callback(NameInput);       // a sanitizer's report
-    std::signal(SIGABRT, [](int) { NameInput(); });  // FUZZ_CHECK: abort() then ends the process
+    if (inputs.empty()) return std::fprintf(stderr, "usage: %s <corpus folder>\n", argv[0]), 2;
+    std::sort(inputs.begin(), inputs.end());
+    static constexpr auto name = [] { std::fprintf(stderr, "replaying %s\n", current.c_str()); };
+    __sanitizer_set_death_callback(name);
+    std::signal(SIGABRT, [](int) { name(); });
     for (const std::filesystem::path& input : inputs) {
         current = input.string();
-        std::ifstream file(input, std::ios::binary);
-        const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
-        // A buffer of exactly the input's size, as libFuzzer gives it, so a read past it is caught.
-        const auto data = std::make_unique<std::uint8_t[]>(bytes.size());
-        std::copy(bytes.begin(), bytes.end(), data.get());
-        LLVMFuzzerTestOneInput(data.get(), bytes.size());
+        // Exactly the input's size, as libFuzzer gives it, so a read past it is caught.
+        const std::size_t size = std::filesystem::file_size(input);
+        const auto data = std::make_unique<std::uint8_t[]>(size);
+        std::ifstream(input, std::ios::binary).read(reinterpret_cast<char*>(data.get()), size);
+        LLVMFuzzerTestOneInput(data.get(), size);
     }
     std::printf("%zu inputs replayed from %s\n", inputs.size(), argv[1]);
-    return 0;
 }

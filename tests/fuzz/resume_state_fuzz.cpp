@@ -7,18 +7,17 @@
 
 using namespace kesclient;
 
-static bool IsPrintable(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c <= 0x7E; });
+static bool Printable(std::string_view text) {
+    return std::ranges::all_of(text, [](char c) { return c >= 0x20 && c <= 0x7E; });
 }
 
 // What the writer can represent faithfully, and so all that a read may accept.
-static bool Representable(const ResumeState& state) {
-    return !state.url.empty() && !state.validator.empty() && IsPrintable(state.url) &&
-           IsPrintable(state.validator) && IsPrintable(state.checksum) &&
-           (state.total == 0 || state.offset <= state.total);
+static bool Representable(const ResumeState& s) {
+    return !s.url.empty() && !s.validator.empty() && Printable(s.url) && Printable(s.validator) &&
+           Printable(s.checksum) && (s.total == 0 || s.offset <= s.total);
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+FUZZ_TARGET {
     const std::string_view text = fuzz::Text(data, size);
     if (const auto state = ParseResumeState(text)) {
         FUZZ_CHECK(text.size() <= kMaxResumeStateBytes && Representable(*state));
@@ -26,18 +25,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     // The writer's side: a state built from the input reads back as written, or is refused as a
     // whole; offset and total from the first 16 bytes, then url, validator and checksum by line.
-    if (size < 16) return 0;
+    if (size < 16) return;
     ResumeState state;
     std::memcpy(&state.offset, data, 8);
     std::memcpy(&state.total, data + 8, 8);
     const auto [url, rest] = fuzz::SplitAt(text.substr(16), '\n');
-    const auto [validator, checksum] = fuzz::SplitAt(rest, '\n');
     state.url = url;
-    state.validator = validator;
-    state.checksum = checksum;
+    std::tie(state.validator, state.checksum) = fuzz::SplitAt(rest, '\n');
     const auto read = ParseResumeState(SerialiseResumeState(state));
     if (Representable(state) && state.checksum != "none") FUZZ_CHECK(read == state);
     if (read)
         FUZZ_CHECK(Representable(*read) && ParseResumeState(SerialiseResumeState(*read)) == read);
-    return 0;
 }

@@ -13,8 +13,7 @@
 
 constexpr std::string_view kKeyId = "{2F1B7C1E-0000-4000-8000-00000000F022}";
 
-// Read as the tool reads it (comments allowed); nothing when it does not parse, nested past the
-// reader's limit included.
+// As the tool reads it (comments allowed); nothing when it does not parse or nests too deep.
 static std::optional<Json::Value> Parse(const fuzz::Bytes& bytes) {
     std::istringstream stream(std::string(bytes.begin(), bytes.end()));
     Json::Value root;
@@ -25,18 +24,14 @@ static std::optional<Json::Value> Parse(const fuzz::Bytes& bytes) {
     return std::nullopt;
 }
 
-// The tool's history in a document, or null when there is none.
-static const Json::Value* History(const Json::Value& root) {
-    constexpr std::string_view kName = "updateTool";
-    return root.isObject() ? root.find(kName.data(), kName.data() + kName.size()) : nullptr;
+static Json::Value History(const Json::Value& root) {
+    return root.isObject() ? root.get("updateTool", {}) : Json::Value();
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::wstring logs = L"C:\\ProgramData\\Quorvane\\Logs";
+FUZZ_TARGET {
     fake::Reset();
-    fake::SetRegistryString(L"HKLM\\Software\\Quorvane\\Lumenar\\InstallLogsDir", logs);
-    fake::State().folders.insert(
-        {L"C:\\ProgramData", L"C:\\ProgramData\\Quorvane", logs, logs + L"\\updatetool"});
+    fake::SetRegistryString(L"HKLM\\Software\\Quorvane\\Lumenar\\InstallLogsDir", L"C:\\logs");
+    fake::State().folders.insert({L"C:\\logs", L"C:\\logs\\updatetool"});
     ResetUpdateRecordForTesting();
     ActiveUpdateRecord().keyId = std::wstring(kKeyId.begin(), kKeyId.end());
     ActiveUpdateRecord().agent = L"OREL";
@@ -49,24 +44,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::optional<Json::Value> old = size == 0 ? Json::Value() : Parse(before);
     // What the tool appends to: nothing, or an object whose history is an array or absent. A
     // document of another shape belongs to someone else, and is left byte for byte.
-    const Json::Value* oldHistory = old ? History(*old) : nullptr;
-    if (old && (old->isNull() || (old->isObject() &&
-                                  (!oldHistory || oldHistory->isNull() || oldHistory->isArray()))))
-        FUZZ_CHECK(written);
-    FUZZ_CHECK(written || after == before);
-    if (!written) return 0;
-    // The new text is written over the old from the start (the file is not truncated), and its
-    // history ends with this run's entry.
+    const Json::Value oldHistory = old ? History(*old) : Json::Value();
+    const bool ours = old && (old->isNull() ||
+                              (old->isObject() && (oldHistory.isNull() || oldHistory.isArray())));
+    FUZZ_CHECK(written || (!ours && after == before));
+    if (!written) return;
+    // Written over the old text from the start (not truncated), its history ending with this run.
     const std::optional<Json::Value> now = Parse(after);
-    FUZZ_CHECK(after.size() >= before.size() && now && History(*now) && History(*now)->isArray());
-    const Json::Value& history = *History(*now);
+    FUZZ_CHECK(after.size() >= before.size() && now && History(*now).isArray());
+    const Json::Value history = History(*now);
     FUZZ_CHECK(!history.empty() && history[history.size() - 1]["updatedGUID"].asString() == kKeyId);
     // The history grew by one and everything else is still there. Only checked for UTF-8 files:
     // the JSON writer replaces invalid sequences, so such a member comes back renamed (reported).
-    if (!old || !old->isObject() || !kesclient::IsValidUtf8(fuzz::Text(data, size))) return 0;
-    FUZZ_CHECK(history.size() ==
-               (oldHistory && oldHistory->isArray() ? oldHistory->size() : 0) + 1);
+    if (!old || !old->isObject() || !kesclient::IsValidUtf8(fuzz::Text(data, size))) return;
+    FUZZ_CHECK(history.size() == (oldHistory.isArray() ? oldHistory.size() : 0) + 1);
     for (const std::string& name : old->getMemberNames())
         FUZZ_CHECK(now->isMember(name) && (name == "updateTool" || (*now)[name] == (*old)[name]));
-    return 0;
 }
