@@ -88,15 +88,12 @@ TEST_F(AgentTest, FindUpdateVersionTakesTheFirstFileForTheHost) {
         Platform().files.clear();
         for (const std::wstring& name : r.files) Platform().files[in + name] = {};
         ProbeAgent agent(L"", r.named);
-        EXPECT_EQ(agent.FindUpdateVersion(L"Tessix-Lumenar-Agent", true, L"direct-connection"),
-                  !r.found.empty());
+        EXPECT_EQ(agent.FindUpdateVersion(L"Tessix-Lumenar-Agent", true, L"direct-connection"), !r.found.empty());
         EXPECT_EQ(agent.installerPath(), r.found);
         EXPECT_EQ(agent.updateVersion(), r.version);
         EXPECT_EQ(agent.installerIsMsi(), r.msi);
-        EXPECT_EQ(Logged(L"Agent::FindUpdateVersion: updateFilename: " + r.found + L"\r\n"),
-                  !r.found.empty());
-        EXPECT_EQ(Logged(L"Agent::FindUpdateVersion: FindFirstFile error: " + in +
-                         L"-x86_64* 2 (The system cannot find the file specified.)\r\n"),
+        EXPECT_EQ(Logged(L"Agent::FindUpdateVersion: updateFilename: " + r.found + L"\r\n"), !r.found.empty());
+        EXPECT_EQ(Logged(L"Agent::FindUpdateVersion: FindFirstFile error: " + in + L"-x86_64* 2 (The system cannot find the file specified.)\r\n"),
                   r.found.empty() && r.files.empty());
     }
 }

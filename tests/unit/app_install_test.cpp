@@ -78,8 +78,7 @@ TEST_F(AppInstallTest, CheckVersionKeepsAgentsThatNeedTheUpdateAndHaveAnInstalle
 // An installer that did not run, or said it succeeded, leaves no error.
 TEST_F(AppInstallTest, UpdateMapsEachKindsOutcomeToTheRunResult) {
     const std::wstring ok = L"App::Update: agent update succeeded", none = L"App::Update: no Launch";
-    const std::wstring failed = L"App::Update: agent reboot required",
-                       zip = L"GenericAgent::Launch: invalid extension: D:\\pkg\\p.zip",
+    const std::wstring failed = L"App::Update: agent reboot required", zip = L"GenericAgent::Launch: invalid extension: D:\\pkg\\p.zip",
                        launching = L"Agent::LaunchHelper: launching: " + kOrelLine;
     const struct { Kind kind; fake::PlatformState::ScriptedProcess run; bool test; RunResult result;
                    bool reboot, stop, error; std::wstring said; } rows[] = {

@@ -40,10 +40,8 @@ class InstanceLockTest : public EntryTest, public ::testing::WithParamInterface<
 
 constexpr const wchar_t* kLockFile = L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data\\updatetool.lock";
 const std::wstring kDuplicate = L"updatetool.exe duplicate instance, exit now\n";
-const std::wstring kSquatted =
-    L"wmain: the instance mutex is held by PC\\mallory, no run of this tool: taking the lock file instead";
-const std::wstring kDenied =
-    L"wmain: the instance mutex cannot be opened (another account made it): taking the lock file instead";
+const std::wstring kSquatted = L"wmain: the instance mutex is held by PC\\mallory, no run of this tool: taking the lock file instead";
+const std::wstring kDenied = L"wmain: the instance mutex cannot be opened (another account made it): taking the lock file instead";
 
 TEST_P(InstanceLockTest, RunsOrRefusesAsADuplicate) {
     const InstanceRow& row = GetParam();
@@ -68,9 +66,7 @@ TEST_P(InstanceLockTest, RunsOrRefusesAsADuplicate) {
 }
 
 using platform::OwnerKind;
-INSTANTIATE_TEST_SUITE_P(
-    ByOwnerAndLock, InstanceLockTest,
-    ::testing::Values(
+INSTANTIATE_TEST_SUITE_P( ByOwnerAndLock, InstanceLockTest, ::testing::Values(
         InstanceRow{Mutex::kNew, OwnerKind::kThisAccount, true, run_result::kFailure, {}},
         InstanceRow{Mutex::kOwned, OwnerKind::kSystem, false, run_result::kDuplicate, {kDuplicate}},
         InstanceRow{Mutex::kOwned, OwnerKind::kAdministrators, false, run_result::kDuplicate, {kDuplicate}},

@@ -90,13 +90,10 @@ TEST_F(RegistryTest, VolatileKeysAndEnumeration) {
     fake::SetRegistryString(L"HKLM\\Software\\E\\Z", L"z");
     fake::SetRegistryValue(L"HKLM\\Software\\E\\y", {regtype::kBinary, {5}});
     EXPECT_EQ(RegEnumSubkeys(L"HKLM\\Software\\E\\"), (std::vector<std::wstring>{L"b", L"a"}));
-    EXPECT_EQ(RegReadAllValues(L"HKLM\\Software\\E"),
-              (RegistryValueMap{{L"y", L""}, {L"Z", L"z"}}));
+    EXPECT_EQ(RegReadAllValues(L"HKLM\\Software\\E"), (RegistryValueMap{{L"y", L""}, {L"Z", L"z"}}));
     EXPECT_EQ(RegReadAllValues(L"HKLM\\Software\\E").count(L"Y"), 1u);
-    EXPECT_EQ(RegKeyExistsInMachineOrUser(Hive::CurrentUser, L"Software"),
-              (std::pair<bool, std::wstring>{false, L"HKCU"}));
-    EXPECT_EQ(RegKeyExistsInMachineOrUser(Hive::LocalMachine, L"Software\\E"),
-              (std::pair<bool, std::wstring>{true, L"HKLM"}));
+    EXPECT_EQ(RegKeyExistsInMachineOrUser(Hive::CurrentUser, L"Software"), (std::pair<bool, std::wstring>{false, L"HKCU"}));
+    EXPECT_EQ(RegKeyExistsInMachineOrUser(Hive::LocalMachine, L"Software\\E"), (std::pair<bool, std::wstring>{true, L"HKLM"}));
 }
 
 TEST_F(RegistryTest, DeleteIfExistsLogsEachOutcome) {
@@ -106,8 +103,7 @@ TEST_F(RegistryTest, DeleteIfExistsLogsEachOutcome) {
     EXPECT_FALSE(fake::GetRegistryValue(value).has_value());
     EXPECT_TRUE(LoggedLine(L"Util_DeleteRegistryIfExists: Deleted registry key - " + value));
     EXPECT_TRUE(Util_DeleteRegistryIfExists(value));  // the key stays, the value is gone
-    EXPECT_TRUE(LoggedLine(L"Util_DeleteRegistryIfExists: Registry key " + value +
-                           L" doesn't exist, skip deletion"));
+    EXPECT_TRUE(LoggedLine(L"Util_DeleteRegistryIfExists: Registry key " + value + L" doesn't exist, skip deletion"));
     // A key that cannot be opened counts as absent: the system reports no difference here.
     fake::SetRegistryString(L"HKLM\\Software\\Locked\\Value", L"x");
     Platform().deniedKeys.insert(L"HKLM\\Software\\Locked");
