@@ -66,7 +66,7 @@ TEST_P(InstanceLockTest, RunsOrRefusesAsADuplicate) {
 }
 
 using platform::OwnerKind;
-INSTANTIATE_TEST_SUITE_P( ByOwnerAndLock, InstanceLockTest, ::testing::Values(
+INSTANTIATE_TEST_SUITE_P(ByOwnerAndLock, InstanceLockTest, ::testing::Values(
         InstanceRow{Mutex::kNew, OwnerKind::kThisAccount, true, run_result::kFailure, {}},
         InstanceRow{Mutex::kOwned, OwnerKind::kSystem, false, run_result::kDuplicate, {kDuplicate}},
         InstanceRow{Mutex::kOwned, OwnerKind::kAdministrators, false, run_result::kDuplicate, {kDuplicate}},
