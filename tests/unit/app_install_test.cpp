@@ -13,22 +13,21 @@
 
 namespace {
 
-const std::wstring kCurrentError = L"HKLM\\Software\\Quorvane\\Lumenar\\Agent\\LastInstallError";
-const std::wstring kLegacyError =
-    L"HKLM\\Software\\Tessix, Inc.\\Tessix KDX\\Agent\\LastInstallError";
+const std::wstring kCurrentError = CurrentProductRoot() + L"\\Agent\\LastInstallError";
+const std::wstring kLegacyError = LegacyProductRoot() + L"\\Agent\\LastInstallError";
 const std::wstring kOrelLine = L"D:\\pkg\\agent.exe /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1";
 
 enum class Kind { kGeneric, kZip, kOrel };
+using enum Kind;
 
-class AppInstallTest : public ToolTest {
+class AppInstallTest : public FreshTest {
 protected:
     // Adds an agent that needs the update, as the version check would have found it.
     static Agent& AddUpdate(App& to, Kind kind) {
-        if (kind == Kind::kOrel)
+        if (kind == kOrel)
             to.agents.push_back(std::make_unique<OrelAgent>(L"8.13.0.7", L"D:\\pkg\\agent.exe"));
         else
-            to.agents.push_back(std::make_unique<GenericAgent>(
-                kind == Kind::kZip ? L"D:\\pkg\\p.zip" : L"D:\\pkg\\p.msi"));
+            to.agents.push_back(std::make_unique<GenericAgent>(kind == kZip ? L"D:\\pkg\\p.zip" : L"D:\\pkg\\p.msi"));
         to.updates.push_back(to.agents.back().get());
         return *to.agents.back();
     }
@@ -44,11 +43,8 @@ TEST_F(AppInstallTest, CheckPlatformAcceptsTheTagsThatFitTheHost) {
         {L"64-BitAgent", false, false, L"arch type mismatch: 64-BitAgent on 32-bit host"},
         {L"32-BitAgent", false, true, nullptr},
         {L"32-BitAgent", true, false, L"arch type mismatch: 32-BitAgent on 64-bit host"},
-        {L"use32-bitagenton64", true, true, nullptr},
-        {L"USE32-BITAGENTON64", false, true, nullptr},
-        {L"64-BitAgentX", true, false, nullptr},
-        {L"", true, false, L"arch type empty"},
-    };
+        {L"use32-bitagenton64", true, true, nullptr}, {L"USE32-BITAGENTON64", false, true, nullptr},
+        {L"64-BitAgentX", true, false, nullptr}, {L"", true, false, L"arch type empty"}};
     for (const auto& [arch, x64, ok, said] : rows) {
         SCOPED_TRACE(testing::PrintToString(std::wstring(arch)));
         const ScopedHostX64ForTesting host(x64);
@@ -66,10 +62,9 @@ TEST_F(AppInstallTest, CheckVersionKeepsAgentsThatNeedTheUpdateAndHaveAnInstalle
     Platform().installedProducts[OrelAgent::kUpgradeCodes[0]] = {L"{P}", L"8.13.0.7", 0};
     app.agents.push_back(std::make_unique<OrelAgent>(L"8.13.0.7", L"D:\\pkg\\agent.exe"));
     EXPECT_FALSE(app.CheckVersion());
-    for (const wchar_t* line :
-         {L"=== Check Version ===", L"Agent::UpdateAvailable: no need to upgrade",
-          L"App::CheckVersion: CompVersion does not require to upgrade",
-          L"App::CheckVersion: Update not available"})
+    for (const wchar_t* line : {L"=== Check Version ===", L"Agent::UpdateAvailable: no need to upgrade",
+                                L"App::CheckVersion: CompVersion does not require to upgrade",
+                                L"App::CheckVersion: Update not available"})
         EXPECT_TRUE(Logged(std::wstring(line) + L"\r\n")) << line;
     app.force = true;
     app.agents.push_back(std::make_unique<OrelAgent>(L"", L""));  // not even forced
@@ -82,35 +77,25 @@ TEST_F(AppInstallTest, CheckVersionKeepsAgentsThatNeedTheUpdateAndHaveAnInstalle
 // A generic installer's success is -4 and its failure -7; the main agent leaves the result alone.
 // An installer that did not run, or said it succeeded, leaves no error.
 TEST_F(AppInstallTest, UpdateMapsEachKindsOutcomeToTheRunResult) {
-    struct Row {
-        Kind kind;
-        fake::PlatformState::ScriptedProcess run;
-        bool test;
-        RunResult result;
-        bool reboot, stop, error;
-        std::wstring said;
-    };
-    const std::wstring ok = L"App::Update: agent update succeeded";
-    const std::wstring none = L"App::Update: no Launch";
-    const std::wstring failed = L"App::Update: agent reboot required",
-                       zip = L"GenericAgent::Launch: invalid extension: D:\\pkg\\p.zip",
+    const std::wstring ok = L"App::Update: agent update succeeded", none = L"App::Update: no Launch";
+    const std::wstring failed = L"App::Update: agent reboot required", zip = L"GenericAgent::Launch: invalid extension: D:\\pkg\\p.zip",
                        launching = L"Agent::LaunchHelper: launching: " + kOrelLine;
-    const Row rows[] = {
-        {Kind::kGeneric, {0, 0, 0}, false, -4, false, false, false, ok},
-        {Kind::kGeneric, {1641, 0, 0}, false, -4, false, false, false, ok},
-        {Kind::kGeneric, {3010, 0, 0}, false, -4, true, false, false, ok},
-        {Kind::kGeneric, {1603, 0, 0}, false, -7, false, true, true, failed},
-        {Kind::kGeneric, {0, 2, 0}, false, -1, false, true, false, none},
-        {Kind::kZip, {}, false, -1, false, true, false, zip},
-        {Kind::kGeneric, {}, true, -4, false, false, false, ok},
-        {Kind::kOrel, {}, true, -1, false, false, false, launching},
-        {Kind::kOrel, {1603, 0, 0}, false, -1, false, false, false, L"=== Update ==="},
-        {Kind::kOrel, {3010, 0, 0}, false, -1, false, true, false, none},
-        {Kind::kOrel, {1638, 0, 0}, false, -1, false, true, true, none},
-    };
+    const struct { Kind kind; fake::PlatformState::ScriptedProcess run; bool test; RunResult result;
+                   bool reboot, stop, error; std::wstring said; } rows[] = {
+        {kGeneric, {0, 0, 0}, false, -4, false, false, false, ok},
+        {kGeneric, {1641, 0, 0}, false, -4, false, false, false, ok},
+        {kGeneric, {3010, 0, 0}, false, -4, true, false, false, ok},
+        {kGeneric, {1603, 0, 0}, false, -7, false, true, true, failed},
+        {kGeneric, {0, 2, 0}, false, -1, false, true, false, none},
+        {kZip, {}, false, -1, false, true, false, zip},
+        {kGeneric, {}, true, -4, false, false, false, ok},
+        {kOrel, {}, true, -1, false, false, false, launching},
+        {kOrel, {1603, 0, 0}, false, -1, false, false, false, L"=== Update ==="},
+        {kOrel, {3010, 0, 0}, false, -1, false, true, false, none},
+        {kOrel, {1638, 0, 0}, false, -1, false, true, true, none}};
     fake::SetRegistryString(kCurrentError, L"E42: disk full");
-    for (const Row& r : rows) {
-        SCOPED_TRACE(testing::Message() << static_cast<int>(r.kind) << " exit " << r.run.exitCode);
+    for (const auto& r : rows) {
+        SCOPED_TRACE(&r - rows);
         StartLog();
         ResetUpdateRecordForTesting();
         SetForceReboot(false);
@@ -121,7 +106,7 @@ TEST_F(AppInstallTest, UpdateMapsEachKindsOutcomeToTheRunResult) {
         const Agent& agent = AddUpdate(one, r.kind);
         EXPECT_EQ(one.Update(), r.result);
         EXPECT_EQ(ForceReboot(), r.reboot);
-        EXPECT_EQ(Platform().processesRun.size(), r.test || r.kind == Kind::kZip ? 0u : 1u);
+        EXPECT_EQ(Platform().processesRun.size(), r.test || r.kind == kZip ? 0u : 1u);
         EXPECT_TRUE(Logged(L"=== Update ===\r\n"));
         EXPECT_EQ(Logged(L"App::Update: no Launch\r\n"), r.stop);
         EXPECT_TRUE(Logged(r.said + L"\r\n"));
@@ -130,8 +115,7 @@ TEST_F(AppInstallTest, UpdateMapsEachKindsOutcomeToTheRunResult) {
         const std::wstring code = std::to_wstring(r.run.exitCode);
         EXPECT_EQ(Record().errorCode, r.error ? code : L"");
         EXPECT_EQ(Record().errorDesc, r.error ? L"E42: disk full" : L"");
-        EXPECT_EQ(Logged(L"App::Update: Error code and description: " + code +
-                         L", E42: disk full, " + code + L" ("),
+        EXPECT_EQ(Logged(L"App::Update: Error code and description: " + code + L", E42: disk full, " + code + L" ("),
                   r.error);
     }
     SetForceReboot(false);
@@ -139,22 +123,14 @@ TEST_F(AppInstallTest, UpdateMapsEachKindsOutcomeToTheRunResult) {
 
 TEST_F(AppInstallTest, UpdateRunsTheListInOrderAndTheLastAgentDecidesTheRestartProperty) {
     const std::wstring msi = L"msiexec /i D:\\pkg\\p.msi /qn";
-    const std::wstring notLast = kOrelLine + L" REBOOT=ReallySuppress X=1";
-    struct Row {
-        std::vector<Kind> kinds;
-        const wchar_t* options;
-        std::vector<std::uint32_t> codes;
-        std::vector<std::wstring> ran;
-        RunResult result;
-    };
-    const Row rows[] = {
-        {{Kind::kOrel}, L"ADDLOCAL=ALL", {0}, {kOrelLine + L" ADDLOCAL=ALL"}, -1},
-        {{Kind::kOrel, Kind::kGeneric}, L"X=1", {0, 0}, {notLast, msi + L" X=1"}, -4},
-        {{Kind::kGeneric, Kind::kOrel}, L"", {0, 1603}, {msi, kOrelLine}, -4},  // kept by the main
-        {{Kind::kGeneric, Kind::kOrel}, L"", {1603}, {msi}, -7},  // a failure ends the list
-    };
-    for (const Row& r : rows) {
-        SCOPED_TRACE(r.kinds.size());
+    const struct { std::vector<Kind> kinds; const wchar_t* options; std::vector<std::uint32_t> codes;
+                   std::vector<std::wstring> ran; RunResult result; } rows[] = {
+        {{kOrel}, L"ADDLOCAL=ALL", {0}, {kOrelLine + L" ADDLOCAL=ALL"}, -1},
+        {{kOrel, kGeneric}, L"X=1", {0, 0}, {kOrelLine + L" REBOOT=ReallySuppress X=1", msi + L" X=1"}, -4},
+        {{kGeneric, kOrel}, L"", {0, 1603}, {msi, kOrelLine}, -4},  // kept by the main agent
+        {{kGeneric, kOrel}, L"", {1603}, {msi}, -7}};  // a failure ends the list
+    for (const auto& r : rows) {
+        SCOPED_TRACE(&r - rows);
         Platform().processesRun.clear();
         App list;
         for (Kind kind : r.kinds) AddUpdate(list, kind);
@@ -165,53 +141,31 @@ TEST_F(AppInstallTest, UpdateRunsTheListInOrderAndTheLastAgentDecidesTheRestartP
     }
 }
 
-TEST_F(AppInstallTest, CleanupReleasesTheAgents) {
-    AddUpdate(app, Kind::kOrel);
+// Only an update in state UPDATING that fits the host is installed. Whatever happens, the
+// clean-up releases the agents and deletes the last installer error under both roots, and only it.
+TEST_F(AppInstallTest, RunInstallsOnlyAnUpdatingPackageThatFitsTheHost) {
+    const ScopedHostX64ForTesting host(true);
+    const std::tuple<const wchar_t*, const wchar_t*, const wchar_t*, bool, RunResult> rows[] = {
+        {L"updating", L"OTHER", L"64-BitAgent", true, -4}, {L"UPDATING", L"OTHER", L"32-BitAgent", false, -6},
+        {L"UPDATING", L"ORELX", L"64-BitAgent", false, -4}, {L"DOWNLOAD", L"OTHER", L"64-BitAgent", false, -1}};
+    for (const auto& [state, agent, arch, installs, result] : rows) {
+        SCOPED_TRACE(testing::PrintToString(std::wstring(agent) + arch));
+        Fresh();
+        const std::wstring file = agent == std::wstring(L"OTHER") ? L"p.msi" : L"";
+        ArrangeUpdate(CurrentUpdates(), L"u1", {{L"STATE", state}, {L"AGENT", agent}, {L"ARCH", arch}, {L"FILENAME", file}});
+        for (const std::wstring& key : {kLegacyError, kCurrentError, kCurrentError + L"X"})
+            fake::SetRegistryString(key, L"stale");
+        ScriptExitCodes({0});
+        EXPECT_EQ(RunTool(), result);
+        EXPECT_EQ(Platform().processesRun.size(), installs ? 1u : 0u);
+        EXPECT_FALSE(fake::GetRegistryValue(kLegacyError) || fake::GetRegistryValue(kCurrentError));
+        EXPECT_TRUE(fake::GetRegistryValue(kCurrentError + L"X"));
+        EXPECT_TRUE(Logged(L"wmain: Updatetool rc = " + RunResultName(result) + L"\r\n"));
+    }
+    AddUpdate(app, kOrel);
     app.Cleanup();
     EXPECT_TRUE(app.agents.empty());
     EXPECT_TRUE(app.updates.empty());
 }
-
-struct RunCase {
-    const wchar_t* state;
-    const wchar_t* agent;
-    const wchar_t* arch;
-    const wchar_t* arguments;
-    std::vector<std::uint32_t> exitCodes;
-    RunResult result;
-};
-
-class RunSequenceTest : public AppInstallTest, public ::testing::WithParamInterface<RunCase> {};
-
-// Whatever happens, the clean-up deletes the last installer error under both roots, and only it.
-TEST_P(RunSequenceTest, InstallsOnlyAnUpdateInStateUpdating) {
-    const ScopedHostX64ForTesting host(true);
-    const RunCase& c = GetParam();
-    const std::wstring file = c.agent == std::wstring(L"OTHER") ? L"p.msi" : L"";
-    ArrangeUpdate(CurrentUpdates(), L"u1",
-                  {{L"STATE", c.state}, {L"AGENT", c.agent}, {L"ARCH", c.arch}, {L"FILENAME", file}});
-    for (const std::wstring& key : {kLegacyError, kCurrentError, kCurrentError + L"X"})
-        fake::SetRegistryString(key, L"stale");
-    Platform().commandLine = L"updatetool.exe" + std::wstring(c.arguments);
-    ScriptExitCodes(c.exitCodes);
-    EXPECT_EQ(RunTool(), c.result);
-    std::vector<std::wstring> ran;
-    if (!c.exitCodes.empty()) ran.push_back(L"msiexec /i " + GetWorkspace() + L"\\p.msi /qn");
-    EXPECT_EQ(Platform().processesRun, ran);
-    EXPECT_FALSE(fake::GetRegistryValue(kLegacyError));
-    EXPECT_FALSE(fake::GetRegistryValue(kCurrentError));
-    EXPECT_TRUE(fake::GetRegistryValue(kCurrentError + L"X"));
-    EXPECT_FALSE(Logged(L"App::Cleanup"));
-    EXPECT_TRUE(Logged(L"wmain: Updatetool rc = " + RunResultName(c.result) + L"\r\n"));
-}
-
-INSTANTIATE_TEST_SUITE_P(Runs, RunSequenceTest,
-                         ::testing::Values(
-                             RunCase{L"UPDATING", L"OTHER", L"64-BitAgent", L"", {0}, -4},
-                             RunCase{L"updating", L"OTHER", L"64-BitAgent", L"", {1603}, -7},
-                             RunCase{L"UPDATING", L"OTHER", L"32-BitAgent", L"", {}, -6},
-                             RunCase{L"UPDATING", L"ORELX", L"64-BitAgent", L"", {}, -4},
-                             RunCase{L"UPDATING", L"OTHER", L"64-BitAgent", L" -help", {}, -1},
-                             RunCase{L"DOWNLOAD", L"OTHER", L"64-BitAgent", L"", {}, -1}));
 
 }  // namespace

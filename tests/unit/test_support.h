@@ -74,3 +74,16 @@ private:
     fake::FakePlatformScope scope_;
     std::unique_ptr<ToolLog> log_;
 };
+
+// group S5
+// For tables whose rows each start from an empty platform and log.
+class FreshTest : public ToolTest {
+protected:
+    void Fresh() {
+        scope_.emplace();
+        StartLog();
+    }
+
+private:
+    std::optional<fake::FakePlatformScope> scope_;
+};

@@ -2,15 +2,13 @@
 
 #include <cstdarg>
 
-#include "state/registry.h"
 #include "test_support.h"
 
 namespace {
 
 std::tm Tm(int year, int month, int day, int hour, int minute, int second) {
     std::tm tm{};
-    std::tie(tm.tm_year, tm.tm_mon, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec) =
-        std::tuple(year - 1900, month - 1, day, hour, minute, second);
+    std::tie(tm.tm_year, tm.tm_mon, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec) = std::tuple(year - 1900, month - 1, day, hour, minute, second);
     return tm;
 }
 
@@ -21,9 +19,8 @@ TEST_F(ToolLogTest, FolderFollowsTheLogsDirOfEitherProductThenTheWorkspace) {
     const std::wstring name = L"\\updatetool\\Quorvane_Agent_Update_20260302140309.log";
     EXPECT_EQ(StartLog().path(), L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data" + name);
     EXPECT_TRUE(Platform().files.count(StartLog().path()));
-    const std::tuple<std::wstring, const wchar_t*, const wchar_t*> rows[] = {
-        {LegacyProductRoot(), L"D:\\legacy", L"D:\\legacy"},
-        {CurrentProductRoot(), L"D:\\current\\", L"D:\\current"}};  // the backslash is not doubled
+    const std::tuple<std::wstring, const wchar_t*, const wchar_t*> rows[] = {  // the backslash is not doubled
+        {LegacyProductRoot(), L"D:\\legacy", L"D:\\legacy"}, {CurrentProductRoot(), L"D:\\current\\", L"D:\\current"}};
     for (const auto& [root, dir, folder] : rows) {
         fake::SetRegistryString(root + L"\\InstallLogsDir", dir);
         Platform().folders.insert(folder);
@@ -39,8 +36,7 @@ TEST_F(ToolLogTest, FileIsBomThenEveryLineWithCrLfAndTheConsoleGetsLf) {
         path = log.path();
     }
     const std::vector<std::uint8_t>& bytes = Platform().files.at(path);
-    ASSERT_GE(bytes.size(), 2u);
-    EXPECT_TRUE(bytes[0] == 0xFF && bytes[1] == 0xFE);
+    EXPECT_EQ(std::vector<std::uint8_t>(bytes.begin(), bytes.begin() + 2), (std::vector<std::uint8_t>{0xFF, 0xFE}));
     EXPECT_EQ(fake::FileText(path), L"2026-03-02 14.03.09: === Begin === \r\n"
                                     L"2026-03-02 14.03.09: Updatetool Version: 8.16.2.3\r\n"
                                     L"2026-03-02 14.03.09: a/b\\c\r\n"
@@ -87,8 +83,7 @@ TEST_F(ToolLogTest, LibraryCallbackTagsByLevel) {
         ToolLogLibraryCallback(level, format, args);
         va_end(args);
     };
-    const std::tuple<int, std::string, std::wstring> rows[] = {
-        {-1, "below", L"below"}, {0, "debug", L"[DEBUG] debug"},
+    const std::tuple<int, std::string, std::wstring> rows[] = {{-1, "below", L"below"}, {0, "debug", L"[DEBUG] debug"},
         {1, "caf\xC3\xA9 \xFF.\xE2\x82", L"[INFO] caf\u00e9 \uFFFD.\uFFFD"},
         {2, std::string(9000, 'x'), L"[WARNING] " + std::wstring(9000, L'x')},  // over one buffer
         {3, "error", L"[ERROR] error"}, {4, "above", L"above"}};
