@@ -75,7 +75,7 @@ public:
     }
     bool EndFile(std::string*) override { return Record({}, "; "); }
     bool Record(const std::vector<std::string>& path, const char* end) {
-        log += fuzz::Joined(path, "/") + end;
+        log += fuzz::Joined(path) + end;
         return true;
     }
     std::string log;
