@@ -19,6 +19,7 @@ FAILING = {update_key(KEY_ID): {"STATE": "DOWNLOAD", "AGENT": "OTHER", "VERSION"
     (None, lambda wine: wine.workspace / "updatetool"),  # no logs folder set: the workspace's
 ], ids=["install-logs-dir", "workspace"])
 def test_log_file_is_utf16_with_crlf_and_the_console_shows_the_same_lines(wine, logs_dir, folder):
+    wine.reset()  # no update key or restart marker an earlier module left behind
     if logs_dir:
         wine.arrange({CURRENT_ROOT: {"InstallLogsDir": logs_dir}})
     run = wine.run(TOOL)
