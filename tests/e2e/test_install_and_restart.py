@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from harness import CURRENT_ROOT, LEGACY_ROOT, metadata, settings, update_key, volatile_key
+from harness import metadata, settings, update_key, volatile_key
 from packages import MAIN_AGENT_UPGRADE_CODE
 from servers import HttpsServer, Resource
 
@@ -16,8 +16,8 @@ AGENT = "E2E Lifecycle Agent"
 AGENT_UPGRADE_CODE = "{8E3F1A64-2C95-4B07-A1D8-6F4B0E7C2935}"
 
 
-def outcome(wine, root=CURRENT_ROOT):
-    values = wine.values(update_key(KEY_ID, root)) or {}
+def outcome(wine):
+    values = wine.values(update_key(KEY_ID)) or {}
     return {name: values.get(name) for name in ("STATE", "RESULT", "RETRY")}
 
 
@@ -95,29 +95,16 @@ def restarted(wine, marker, within):
     raise AssertionError("the restart keeps ending programs")
 
 
-PREFLIGHT_REBOOT = {"OPTIONS": "PREFLIGHTCHECK_ENABLED=1"}
-CHECK = r"\Agent\PreflightChecks\e2e-check"
-
-
-@pytest.mark.parametrize("root, state, exit_code, retry, expected, wait", [
-    # Installed, a restart required to finish: done, nothing to wait for.
-    (CURRENT_ROOT, "UPDATING", 3010, "0", ("DONE", "OK", "0"), 0.0),
-    (LEGACY_ROOT, "UPDATING", 3010, "0", ("DONE", "OK", "0"), 0.0),
-    # Failed on its second attempt, one left: RETRY x RetryWaitPeriod before the restart.
-    (CURRENT_ROOT, "UPDATING", 1603, "1", ("WAIT", "PROGRESS", "2"), 2.0),
-    # A preflight check that asks for a restart: at once, no wait.
-    (CURRENT_ROOT, "READY", None, "0", ("READY", "PREFLIGHTCHECK_INPROGRESS", "1"), None),
-], ids=["installed-3010", "installed-3010-legacy-root", "failed-1603-retried", "preflight-reboot-check"])
-def test_restart_leaves_need_reboot_markers_that_the_played_restart_removes(wine, packages, root, state, exit_code,
-                                                                              retry, expected, wait):
-    installer, env = packages.test_installer(wine.workspace, exit_code=exit_code or 0)
-    extra = {"FILENAME": wine.windows_path(installer)} if exit_code else PREFLIGHT_REBOOT
-    wine.arrange(settings(max_retry=2, retry_wait_ms=1000), {update_key(KEY_ID, root): {
-        "STATE": state, "AGENT": "OTHER", "ARCH": "64-BitAgent", "URL": ["https://updates.invalid/setup.exe"],
-        "RETRY": retry, **extra}}, {} if exit_code else {
-        LEGACY_ROOT + CHECK: {}, CURRENT_ROOT + CHECK: {"KeyPath": r"HKEY_LOCAL_MACHINE\Software\Microsoft",
-                                                        "KeyPresentAction": "reboot"}})
-    roots = [CURRENT_ROOT, LEGACY_ROOT] if root == LEGACY_ROOT else [CURRENT_ROOT]
+@pytest.mark.parametrize("exit_code, retry, expected, wait", [
+    (3010, "0", ("DONE", "OK", "0"), 0.0),  # installed, a restart required to finish: nothing to wait for
+    (1603, "1", ("WAIT", "PROGRESS", "2"), 2.0),  # failed, one attempt left: RETRY x RetryWaitPeriod first
+], ids=["installed-3010", "failed-1603-retried"])
+def test_restart_leaves_need_reboot_markers_that_the_played_restart_removes(wine, packages, exit_code, retry,
+                                                                              expected, wait):
+    installer, env = packages.test_installer(wine.workspace, exit_code=exit_code)
+    wine.arrange(settings(max_retry=2, retry_wait_ms=1000), {update_key(KEY_ID): {
+        "STATE": "UPDATING", "AGENT": "OTHER", "ARCH": "64-BitAgent", "URL": ["https://updates.invalid/setup.exe"],
+        "RETRY": retry, "FILENAME": wine.windows_path(installer)}})
     assert (marker := waiting_program(wine))  # another program of the prefix, which the restart has to end
     try:
         run = wine.tool(env=env)
@@ -126,17 +113,15 @@ def test_restart_leaves_need_reboot_markers_that_the_played_restart_removes(wine
     finally:
         end(marker)
     try:
-        assert len(packages.recorded()) == (1 if exit_code else 0)
-        for each in roots:
-            assert tuple(outcome(wine, each).values()) == expected, each
-            assert wine.values(volatile_key(each)).get("NeedReboot") == "1", each
-        assert [m for m in run.messages if m.startswith("Util_CheckReboot:")] == ([] if wait is None else [
-            "Util_CheckReboot: wait for a while", "Util_CheckReboot: done waiting"])
-        assert run.seconds >= (wait or 0)
+        assert len(packages.recorded()) == 1
+        assert tuple(outcome(wine).values()) == expected
+        assert wine.values(volatile_key()).get("NeedReboot") == "1"
+        assert [m for m in run.messages if m.startswith("Util_CheckReboot:")] == [
+            "Util_CheckReboot: wait for a while", "Util_CheckReboot: done waiting"]
+        assert run.seconds >= wait
         assert run.says("Initiated system reboot successfully.")
     finally:
         wine.restart()
-    for each in roots:
-        assert wine.values(volatile_key(each)) is None, each  # a volatile key: gone with the restart
+    assert wine.values(volatile_key()) is None  # a volatile key: gone with the restart
     after = wine.tool(timeout=60)  # would wait five minutes for a restart still pending
     assert not after.says("Reboot action triggered by Update tool is still pending")
