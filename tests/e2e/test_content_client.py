@@ -224,12 +224,6 @@ TABLE = [
         "pkg/setup.exe": None, "pkg/b.txt": b"old b"}), VERIFY_FAILED, kept=["pkg"], check=holds({"b.txt": b"old b",
                                                                                                    "setup.exe": None})),
     # -- through the tool: the update key's values reach the DLL
-    row("tool-thumbprint-second", lambda c: dict(pins=[c.certs.other_ca.sha("sha1"),
-                                                       c.certs.localhost.sha("sha1").upper()]),
-        SUCCESS, via="tool", says="SHA-256 verified"),
-    row("tool-pem", lambda c: dict(trust=c.certs.ca.pem), SUCCESS, via="tool",
-        says="Agent::IsHostX64: host system: 64-bit"),  # the host line stands in a download run's log too
-    row("tool-system", dict(trust="system"), SUCCESS, via="tool"),
     row("tool-thumbprint-other", lambda c: dict(pins=[c.certs.self_signed.sha("sha1")]), INVALID_THUMBPRINT,
         via="tool"),
     # the server's own thumbprint in METADATA widens neither the PEM file nor the system store
