@@ -105,13 +105,12 @@ def holds(tree):
 
 
 def moved_aside(c, run):
-    aside = list(c.wine.workspace.parent.glob("updatetool-data.untrusted-*"))
-    contents = [path.read_bytes() for path in aside]
-    for path in aside:
-        path.unlink()
+    [aside] = c.wine.workspace.parent.glob("updatetool-data.untrusted-*")
+    planted = aside.read_bytes()
+    aside.unlink()
     named = re.compile(r"GetWorkspace: .*\\updatetool-data \(a file, owner [^)]*\) cannot be trusted, moved it "
                        r"aside to .*\\updatetool-data\.untrusted-\d{14}$", re.I)
-    return contents == [b"planted"] and any(named.match(line) for line in run.messages)
+    return planted == b"planted" and any(named.match(line) for line in run.messages)
 
 
 TABLE = [

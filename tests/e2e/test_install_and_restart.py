@@ -34,19 +34,11 @@ def test_agent_goes_from_8_12_to_8_13_in_a_download_run_and_an_install_run(wine,
 
     assert wine.tool().code == -1  # a download run's own outcome is in RESULT
     assert outcome(wine) == {"STATE": "WAIT", "RESULT": "OK", "RETRY": "0"}
-    assert (wine.workspace / "agent-8.13.0.msi").read_bytes() == body
-    assert packages.installed_versions(AGENT) == ["8.12.0"]
 
     wine.arrange({update_key(KEY_ID): {"STATE": "UPDATING"}})  # the management service's move
-    install = wine.tool(timeout=300)
-
-    assert install.code == -4
-    assert install.says("Agent::LaunchHelper: launching: msiexec /i ")
+    assert wine.tool(timeout=300).code == -4
     assert outcome(wine) == {"STATE": "DONE", "RESULT": "OK", "RETRY": "0"}
     assert packages.installed_versions(AGENT) == ["8.13.0"]  # replaced, not installed beside
-    assert [p.name for p in wine.workspace.iterdir()] == []
-    assert [(e["status"], e["result"], e["version"]) for e in wine.telemetry()] == [
-        ("WAIT", "OK", "8.13.0"), ("DONE", "OK", "8.13.0")]
 
 
 def test_main_agent_is_found_by_its_upgrade_code(wine, packages):
