@@ -137,11 +137,10 @@ TABLE = [
     # Read as 32 bits, 2^32 + n would pass for the n bytes expected.
     row("length-above-4GiB", answer(head(200, LENGTH((1 << 32) + len(BODY))), BODY), WRONG_SIZE,
         says=f"announces {(1 << 32) + len(BODY)} bytes"),
-    row("length-negative", answer(head(200, LENGTH(-1)), BODY), DOWNLOAD_FAILED, says="Content-Length"),
-    row("length-twice", answer(head(200, LENGTH(len(BODY)), LENGTH(len(BODY) + 10)), BODY), DOWNLOAD_FAILED,
-        says="Content-Length"),
-    row("length-list", answer(head(200, LENGTH(f"{len(BODY)}, {len(BODY) + 10}")), BODY), DOWNLOAD_FAILED,
-        says="Content-Length"),
+    *[row(name, answer(head(200, *lengths), BODY), DOWNLOAD_FAILED, says="Content-Length") for name, lengths in [
+        ("length-negative", [LENGTH(-1)]),
+        ("length-twice", [LENGTH(len(BODY)), LENGTH(len(BODY) + 10)]),
+        ("length-list", [LENGTH(f"{len(BODY)}, {len(BODY) + 10}")])]],
     row("bytes-past-the-length", answer(head(200, LENGTH(len(BODY))), BODY + b"surplus"), SUCCESS),
     row("size-announced-differs", dict(size=len(BODY) - 1, checksum=""), WRONG_SIZE),
     row("no-length-overlong", answer(head(200), BODY + b"more", checksum=""), WRONG_SIZE),
@@ -174,12 +173,10 @@ TABLE = [
         DOWNLOAD_FAILED, kept=PARTIAL, says="time limit of the run reached", check=lambda c, run: run.seconds < 8),
     row("stall-mid-body-next-mirror", lambda c: dict(urls=[c.serve(Resource(BODY, fault=(100_000, 20)),
                                                                    "/stall/setup.exe"), c.serve()], env=QUICK),
-        SUCCESS, says="stalled",
-        check=lambda c, run: run.seconds < 15),
+        SUCCESS, says="stalled", check=lambda c, run: run.seconds < 15),
     row("whole-run-bounded", lambda c: dict(urls=[c.serve(Resource(BIG, etag=V1, fault=(STALL, 30)), f"/{n}/setup.exe")
-                                                  for n in (1, 2)], body=BIG,
-                                            env={"KESCLIENT_RUN_TIMEOUT_MS": "2000",
-                                                 "KESCLIENT_STALL_TIMEOUT_MS": "60000"}),
+                                                  for n in (1, 2)], body=BIG, env=dict(
+        KESCLIENT_RUN_TIMEOUT_MS="2000", KESCLIENT_STALL_TIMEOUT_MS="60000")),
         DOWNLOAD_FAILED, kept=PARTIAL, says="time limit of the run", check=lambda c, run: run.seconds < 10 and (
             # Whole buffers at least: a large read cut by the time limit loses what it gathered.
             1 << 20 <= (c.destination() / "setup.exe.partial").stat().st_size <= STALL)),
