@@ -3,7 +3,7 @@
 //
 //   kesclient_driver --folder DIR --url URL [--url URL2 ...] [--trust pem:FILE|system|none]
 //                    [--pin HEX ...] [--proxy HOST:PORT ...] [--pac URL] [--checksum TEXT]
-//                    [--size N] [--no-verify-size] [--payload exe|tar|zip|N] [--id ID]
+//                    [--size N] [--payload exe|tar]
 //                    [--stats]  (at exit: the download's wall time and the peak working set)
 //   kesclient_driver --add-root FILE | --remove-root FILE  (a PEM certificate in the machine's
 //                    Root store, for tests of the system-store mode)
@@ -48,13 +48,11 @@ void PrintLogLine(int level, const char* format, va_list args) {
 
 KesClientString View(const std::string& text) { return {text.data(), text.size()}; }
 
-struct ListView {
-    explicit ListView(const std::vector<std::string>& texts) {
-        for (const auto& text : texts) items.push_back(View(text));
-    }
-    KesClientStringList list() const { return {items.data(), items.size()}; }
-    std::vector<KesClientString> items;
-};
+std::vector<KesClientString> Views(const std::vector<std::string>& texts) {
+    std::vector<KesClientString> views;
+    for (const auto& text : texts) views.push_back(View(text));
+    return views;
+}
 
 int ChangeRoot(const wchar_t* path, bool add) {
     std::ifstream file(std::filesystem::path(path), std::ios::binary);
@@ -84,11 +82,6 @@ int ChangeRoot(const wchar_t* path, bool add) {
     return done ? 0 : kExitStore;
 }
 
-int Usage(const char* what, const std::wstring& flag) {
-    std::fprintf(stderr, "%s %s\n", what, Utf8(flag.c_str()).c_str());
-    return kExitUsage;
-}
-
 template <typename Fn>
 Fn Bind(HMODULE module, int ordinal) {
     return reinterpret_cast<Fn>(
@@ -98,30 +91,30 @@ Fn Bind(HMODULE module, int ordinal) {
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
-    std::string folder, id = "driver", pac, checksum, trust = "system", size = "0", payload = "exe";
+    std::string folder, pac, checksum, trust = "system", size = "0", payload = "exe";
     std::vector<std::string> urls, pins, proxies;
-    int verifySize = 1;
     bool stats = false;
     const std::map<std::wstring, std::string*> texts{
-        {L"--folder", &folder}, {L"--id", &id},     {L"--pac", &pac},   {L"--checksum", &checksum},
+        {L"--folder", &folder}, {L"--pac", &pac},   {L"--checksum", &checksum},
         {L"--trust", &trust},   {L"--size", &size}, {L"--payload", &payload}};
     const std::map<std::wstring, std::vector<std::string>*> lists{
         {L"--url", &urls}, {L"--pin", &pins}, {L"--proxy", &proxies}};
     for (int i = 1; i < argc; ++i) {
         const std::wstring flag = argv[i];
-        if (flag == L"--no-verify-size") verifySize = 0;
-        else if (flag == L"--stats") stats = true;
-        else if (i + 1 >= argc) return Usage("missing value after", flag);
-        else if (flag == L"--add-root" || flag == L"--remove-root")
+        if (flag == L"--stats")
+            stats = true;
+        else if (i + 1 < argc && (flag == L"--add-root" || flag == L"--remove-root"))
             return ChangeRoot(argv[++i], flag == L"--add-root");
-        else if (texts.count(flag)) *texts.at(flag) = Utf8(argv[++i]);
-        else if (lists.count(flag)) lists.at(flag)->push_back(Utf8(argv[++i]));
-        else return Usage("unknown option", flag);
+        else if (i + 1 < argc && texts.count(flag))
+            *texts.at(flag) = Utf8(argv[++i]);
+        else if (i + 1 < argc && lists.count(flag))
+            lists.at(flag)->push_back(Utf8(argv[++i]));
+        else {
+            std::fprintf(stderr, "unknown option or missing value: %s\n",
+                         Utf8(flag.c_str()).c_str());
+            return kExitUsage;
+        }
     }
-    const int payloadType = payload == "exe"   ? KESCLIENT_PAYLOAD_EXE
-                            : payload == "tar" ? KESCLIENT_PAYLOAD_TAR
-                            : payload == "zip" ? KESCLIENT_PAYLOAD_ZIP
-                                               : std::atoi(payload.c_str());
 
     HMODULE module =
         ::LoadLibraryExW(L"kesclient.dll", nullptr,
@@ -144,15 +137,19 @@ int wmain(int argc, wchar_t** argv) {
 
     setLog(PrintLogLine);
     const std::string pemPath = trust.rfind("pem:", 0) == 0 ? trust.substr(4) : "";
-    const KesClientString pem = View(pemPath), idText = View(id), pacText = View(pac),
+    const KesClientString pem = View(pemPath), id = {"driver", 6}, pacText = View(pac),
                           folderText = View(folder), checksumText = View(checksum);
     const int enable = 1;
-    if (trust.rfind("pem:", 0) == 0) usePem(&pem);
-    else if (trust == "system") useSys(&enable);
-    const ListView urlList(urls), pinList(pins), proxyList(proxies);
+    if (!pemPath.empty())
+        usePem(&pem);
+    else if (trust == "system")
+        useSys(&enable);
+    const auto urlViews = Views(urls), pinViews = Views(pins), proxyViews = Views(proxies);
     KesClientDownload* download =
-        create(&idText, std::atoll(size.c_str()), verifySize, urlList.list(), pinList.list(),
-               proxyList.list(), &pacText, &folderText, &checksumText, 0, payloadType);
+        create(&id, std::atoll(size.c_str()), 1, {urlViews.data(), urlViews.size()},
+               {pinViews.data(), pinViews.size()}, {proxyViews.data(), proxyViews.size()}, &pacText,
+               &folderText, &checksumText, 0,
+               payload == "tar" ? KESCLIENT_PAYLOAD_TAR : KESCLIENT_PAYLOAD_EXE);
     if (download == nullptr) return kExitNoLibrary;
     KesClientDownload* const items[] = {download};
     LARGE_INTEGER frequency{}, began{}, ended{};
