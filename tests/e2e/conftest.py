@@ -54,7 +54,5 @@ def servers():
 
 @pytest.fixture
 def downloads(prefix, certs, servers):
-    folder = prefix.unix_path(FOLDER).parent
-    shutil.rmtree(folder, ignore_errors=True)
-    yield Downloads(prefix, certs, servers)
-    shutil.rmtree(folder, ignore_errors=True)
+    shutil.rmtree(prefix.unix_path(FOLDER).parent, ignore_errors=True)
+    return Downloads(prefix, certs, servers)

@@ -12,7 +12,6 @@ import subprocess
 import threading
 import typing
 
-LIFETIME = 300.0
 DROP = object()  # a step of an answer: end the connection there, without a TLS goodbye
 
 
@@ -112,20 +111,16 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 
 
 class _Running:
-    """Serves in a thread until close() or LIFETIME."""
+    """Serves in a thread until close()."""
 
     def _start(self, server):
         self._server, self.port, self.stopping = server, server.server_address[1], threading.Event()
         server.owner, server.daemon_threads = self, True
         threading.Thread(target=server.serve_forever, kwargs={"poll_interval": 0.1}, daemon=True).start()
-        self._timer = threading.Timer(LIFETIME, self.close)
-        self._timer.daemon = True
-        self._timer.start()
 
     def close(self):
         if not self.stopping.is_set():
             self.stopping.set()
-            self._timer.cancel()
             self._server.shutdown()
             self._server.server_close()
 
