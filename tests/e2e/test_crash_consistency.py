@@ -6,6 +6,7 @@ import contextlib
 import hashlib
 import os
 import random
+import shutil
 import subprocess
 
 import pytest
@@ -53,7 +54,9 @@ class Update:
         self.packages, old, self.new, self.payload = agent
         self.body, self.package = self.new.read_bytes(), wine.workspace / "agent-8.13.0.msi"
         self.logs = wine.unix_path(LOGS + r"\updatetool")
-        wine.reset()
+        wine.import_reg(f"[-{KEY}]")
+        for folder in (wine.workspace, self.logs):
+            shutil.rmtree(folder, ignore_errors=True)
         self.resource = Resource(self.body, etag='"v8.13.0"', rate=RATE if phase == "download" else None)
         values = {"STATE": "DOWNLOAD", "AGENT": "OTHER", "ARCH": "64-BitAgent", "VERSION": "8.13.0",
                   "CERTTYPE": "THUMBPRINT", "METADATA": metadata(certs.localhost.sha()),
