@@ -75,8 +75,7 @@ TEST_F(StateTransitionsTest, MovesTheUpdateOnAndStoresIt) {
         {U, L"", 0, -5, false, L"UPDATING FAILURE 0", 0},
         {U, L"", 0, -6, false, L"UPDATING INVALID 0", 0},
         // Success and a restart request keep the update going behind a restart.
-        {U, L"", 0, 0, false, L"WAIT PROGRESS 1", kReboot, L"Util_UpdateDone: FORCE REBOOT"},
-        {U, L"", 1, -7, false, L"WAIT PROGRESS 2", kReboot},
+        {U, L"", 1, 0, false, L"WAIT PROGRESS 2", kReboot, L"Util_UpdateDone: FORCE REBOOT"},
         {U, L"", 2, -7, false, L"UPDATING FAILURE 3", 0},
         {D, L"", 1, -13, false,
          L"DONE PREFLIGHTCHECK_FAILURE 1 PREFLIGHT_ERR_WIN_UPDATE_INPROGRESS", 0},
@@ -87,7 +86,6 @@ TEST_F(StateTransitionsTest, MovesTheUpdateOnAndStoresIt) {
         {D, L"", 1, -9, true, L"READY OK 0 complete", 0, L"Util_UpdateDone: preflightcheck check "
          L"is done, legacy workflow is in use so updating state to READY"},
         // A pending restart is retried twice behind a restart, then fails the update.
-        {R, L"", 0, -11, false, L"READY PREFLIGHTCHECK_INPROGRESS 1", kReboot},
         {R, L"", 1, -11, false, L"READY PREFLIGHTCHECK_INPROGRESS 2", kReboot},
         {R, L"", 2, -11, false, L"DONE PREFLIGHTCHECK_FAILURE 0 PREFLIGHT_ERR_REBOOT_PENDING", 0},
     };
@@ -101,7 +99,6 @@ TEST_F(StateTransitionsTest, MovesTheUpdateOnAndStoresIt) {
         EXPECT_EQ(Stored(), c.stored);
         const bool reboot = c.then & kReboot;
         EXPECT_EQ(NeedReboot(CurrentProductRoot()), reboot ? L"1" : L"-");
-        EXPECT_EQ(Record().forceReboot, reboot);
         const std::wstring marker = CurrentProductRoot() + L"\\Agent\\UpdateStatusVolatile";
         if (reboot) { EXPECT_TRUE(fake::IsVolatileKey(marker)); }
         EXPECT_EQ(Platform().sleeps, std::vector<std::uint32_t>(c.then & kWait ? 1 : 0, 120000));

@@ -75,7 +75,6 @@ private:
     std::unique_ptr<ToolLog> log_;
 };
 
-// group S5
 // For tables whose rows each start from an empty platform and log.
 class FreshTest : public ToolTest {
 protected:
