@@ -99,15 +99,13 @@ TEST(AgentCommandLine, PerKindQuotingBlanksAndModes) {
     const std::wstring s = L" /s /v /qn KDX_SKIP_ADD_LDAP_MACHINE_ENTRY=1";  // the main agent's
     // mode -1: the generic kind
     const std::tuple<int, std::wstring, const wchar_t*, std::optional<std::wstring>> rows[] = {
-        {-1, L"D:\\pkg\\agent.MSI", L"", L"msiexec /i D:\\pkg\\agent.MSI /qn"},
         {-1, L"D:\\pkg\\setup.exe", L"/l*v x.log", L"D:\\pkg\\setup.exe /s /v /qn /l*v x.log"},
-        {-1, L"C:\\A B\\a.msi", L"A=1", L"msiexec /i \"C:\\A B\\a.msi\" /qn A=1"},
+        {-1, L"C:\\A B\\a.MSI", L"A=1", L"msiexec /i \"C:\\A B\\a.MSI\" /qn A=1"},
         {-1, L"C:\\A B\\s.EXE", L"", L"\"C:\\A B\\s.EXE\" /s /v /qn"},
         {-1, L"D:\\pkg\\agent.zip", L"", std::nullopt}, {-1, L"msi", L"", std::nullopt},
-        {0, L"D:\\w\\a.exe", L"ADDLOCAL=ALL", L"D:\\w\\a.exe" + s + L" ADDLOCAL=ALL"},
         {1, L"D:\\w\\a.exe", L"", L"D:\\w\\a.exe" + s + L" REBOOT=ReallySuppress"},
         {2, L"D:\\w\\a.msi", L"X=1", L"D:\\w\\a.msi" + s + L" REBOOT=Force X=1"},
-        {0, L"C:\\A B\\a.exe", L"", L"\"C:\\A B\\a.exe\"" + s},
+        {0, L"C:\\A B\\a.exe", L"ADDLOCAL=ALL", L"\"C:\\A B\\a.exe\"" + s + L" ADDLOCAL=ALL"},
         {1, L"\"C:\\A B\\a.exe\"", L"", L"\"C:\\A B\\a.exe\"" + s + L" REBOOT=ReallySuppress"}};
     for (const auto& [mode, path, options, line] : rows)
         EXPECT_EQ(mode < 0 ? GenericAgent::CommandLine(path, options)

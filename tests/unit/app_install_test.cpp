@@ -84,7 +84,6 @@ TEST_F(AppInstallTest, UpdateMapsEachKindsOutcomeToTheRunResult) {
         {kGeneric, {1641, 0, 0}, false, -4, false, false, false, ok},
         {kGeneric, {3010, 0, 0}, false, -4, true, false, false, ok},
         {kGeneric, {1603, 0, 0}, false, -7, false, true, true, failed},
-        {kGeneric, {0, 2, 0}, false, -1, false, true, false, none},
         {kZip, {}, false, -1, false, true, false, zip},
         {kGeneric, {}, true, -4, false, false, false, ok},
         {kOrel, {}, true, -1, false, false, false, launching},
