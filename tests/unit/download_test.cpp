@@ -146,7 +146,10 @@ INSTANTIATE_TEST_SUITE_P(Types, CertificateModeTest, ::testing::Values(
 // clang-format on
 
 // fault: what is wrong in the record; line: after "Util_DoDownload: "
-struct ConfigFaultCase { const char* fault; const wchar_t *result, *errorCode, *line; };
+struct ConfigFaultCase {
+    const char* fault;
+    const wchar_t *result, *errorCode, *line;
+};
 class ConfigurationFaultTest : public DownloadTest,
                                public testing::WithParamInterface<ConfigFaultCase> {};
 
