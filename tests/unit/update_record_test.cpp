@@ -186,12 +186,10 @@ TEST_F(UpdateRecordTest, RetrySettingsParseOrKeepTheDefault) {
         EXPECT_EQ(Logged(L"ReadRetrySettings"), c.line != nullptr);
         EXPECT_TRUE(!c.line || LoggedLine(L"ReadRetrySettings: invalid " + Text(c.line)));
     }
-    Again();  // DWORDs, and policy before the setting
-    fake::SetRegistryDword(kMaxRetry, 3);
+    Again();  // the policy before the setting (how each is read is the policy reader's)
     fake::SetRegistryDword(kPolicy + L"RetryWaitPeriod", 1000);
     fake::SetRegistryString(CurrentUpdates() + L"RetryWaitPeriod", L"9");
     ReadRetrySettings();
-    EXPECT_EQ(Record().maxRetry, 3);
     EXPECT_EQ(Record().retryWaitMs, 1000u);
 }
 
