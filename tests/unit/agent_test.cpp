@@ -144,7 +144,6 @@ TEST_P(LaunchHelperTest, ReportsWhatHappenedToTheInstaller) {
     if (c.installer != Installer::kMissing) Platform().files[c.path] = {'p'};
     if (c.installer == Installer::kOpenForWriting) Platform().locked.insert(c.path);
     Platform().processScript = {c.process};
-    // A package runs through msiexec, a program by itself.
     const std::wstring line = std::wstring(c.path).ends_with(L".msi")
                                   ? std::wstring(L"msiexec /i ") + c.path + L" /qn"
                                   : std::wstring(c.path) + L" /s";
