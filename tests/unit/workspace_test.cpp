@@ -35,7 +35,6 @@ TEST_F(WorkspaceTest, IsCreatedUnderAUsableTempFolderOnce) {
         {0, L"", L"", L"C:\\Temp\\updatetool-data"},
         {261, L"", L"", L"C:\\Temp\\updatetool-data"},
         {260, longTemp, L"", longTemp + L"updatetool-data"},  // the largest that fits
-        {0, L"", L"C:\\Temp\\updatetool-data", L"C:\\Temp"},
         {std::nullopt, L"", kWorkspace, kTemp}};
     for (const Row& c : rows) {
         SCOPED_TRACE(c.expected);
