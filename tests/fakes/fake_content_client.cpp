@@ -59,8 +59,7 @@ ContentClientState& ContentClient() {
 }  // namespace fake
 
 const platform::ContentClient* platform::LoadContentClient(std::wstring& error) {
-    error = fake::ContentClient().available
-                ? L""
-                : L"cannot load C:\\Program Files\\Quorvane\\kesclient.dll (error 126)";
-    return error.empty() ? &fake::kClient : nullptr;
+    const bool loads = fake::ContentClient().available;
+    error = loads ? L"" : L"cannot load C:\\Program Files\\Quorvane\\kesclient.dll (error 126)";
+    return loads ? &fake::kClient : nullptr;
 }

@@ -1,5 +1,4 @@
 #include "fake_platform.h"
-#include "platform/disk.h"
 #include "platform/file_search.h"
 #include "platform/files.h"
 
@@ -81,6 +80,13 @@ bool MovePath(const std::wstring& from, const std::wstring& to) {
     return true;
 }
 
+// Another process holding it shows as a locked path.
+bool HoldLockFileForLife(const std::wstring& path) {
+    if (Refused(path, true)) return false;
+    fake::State().files[path] = {};
+    return fake::State().locked.insert(path).second;
+}
+
 bool DeleteFilePath(const std::wstring& path) {
     auto& files = fake::State().files;
     return !Refused(path, false) && (files.erase(path) || Fail(status::kFileNotFound));
@@ -118,25 +124,21 @@ bool WriteFileFromStart(const std::wstring& path, const std::vector<std::uint8_t
     return true;
 }
 
-// The tool only asks for "<prefix>*", compared without regard to case; any other mask must match
-// exactly.
+// The tool only asks for "<folder>\<prefix>*", compared without regard to case.
 std::uint32_t FindFiles(const std::wstring& pattern, std::vector<std::wstring>& names) {
     names.clear();
     const std::wstring folder = ParentOf(pattern);
-    const std::wstring mask = pattern.substr(folder.size() + !folder.empty());
-    const bool prefix = !mask.empty() && mask.back() == L'*';
-    const std::wstring stem = prefix ? mask.substr(0, mask.size() - 1) : mask;
+    const std::wstring stem = pattern.substr(folder.size() + 1, pattern.size() - folder.size() - 2);
     bool folderExists = FolderExists(folder);
     for (const auto& [path, bytes] : fake::State().files) {
-        if (path.find(L'\\') == std::wstring::npos || !EqualsIgnoreCase(ParentOf(path), folder))
-            continue;
+        if (!EqualsIgnoreCase(ParentOf(path), folder)) continue;
         folderExists = true;
         const std::wstring name = path.substr(folder.size() + 1);
-        if (EqualsIgnoreCase(prefix ? name.substr(0, stem.size()) : name, stem))
-            names.push_back(name);
+        if (EqualsIgnoreCase(name.substr(0, stem.size()), stem)) names.push_back(name);
     }
-    if (names.empty()) Fail(folderExists ? status::kFileNotFound : status::kPathNotFound);
-    return names.empty() ? fake::State().lastError : status::kSuccess;
+    if (!names.empty()) return status::kSuccess;
+    Fail(folderExists ? status::kFileNotFound : status::kPathNotFound);
+    return fake::State().lastError;
 }
 
 std::uint32_t GetCurrentFolder(std::wstring& out) {

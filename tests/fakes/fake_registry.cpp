@@ -152,18 +152,16 @@ std::uint32_t RegistryOpenKeyForRead(Hive hive, const std::wstring& key) {
     return RegistryOpenKey(hive, key, false);
 }
 
+// Only the variables a test sets; any other %NAME% stays as it is, as the system leaves it.
 std::wstring ExpandEnvironment(const std::wstring& text) {
-    std::wstring out;
-    std::size_t i = 0;
-    for (std::size_t open, close; (open = text.find(L'%', i)) != std::wstring::npos &&
-                                  (close = text.find(L'%', open + 1)) != std::wstring::npos;
-         i = close + 1) {
-        const auto& env = fake::State().environment;
-        const auto it = env.find(text.substr(open + 1, close - open - 1));
-        out += text.substr(i, open - i);
-        out += it != env.end() ? it->second : text.substr(open, close - open + 1);
+    std::wstring out = text;
+    for (const auto& [name, value] : fake::State().environment) {
+        const std::wstring variable = L"%" + name + L"%";
+        for (auto at = out.find(variable); at != std::wstring::npos;
+             at = out.find(variable, at + value.size()))
+            out.replace(at, variable.size(), value);
     }
-    return out + text.substr(i);
+    return out;
 }
 
 }  // namespace platform

@@ -3,7 +3,6 @@
 
 #include "fake_content_client.h"
 #include "fake_platform.h"
-#include "platform/files.h"
 #include "platform/installer_database.h"
 #include "platform/process.h"
 #include "platform/system_info.h"
@@ -45,8 +44,6 @@ std::wstring SystemMessage(std::uint32_t error) {
         case 32: return L"The process cannot access the file because it is being used by another process.";
         case 1603: return L"Fatal error during installation.";
         case 1619: return L"This installation package could not be opened.";
-        case 1638: return L"Another version of this product is already installed.";
-        case 3010: return L"The requested operation is successful.  Changes will not be effective until the system is rebooted.";
         default: return L"";
     }
 }
@@ -66,21 +63,10 @@ InstanceMutex CreateNamedMutexHeldForLife(const std::wstring& name) {
     return {s.lastError, created ? ObjectOwner{} : mutex->second};
 }
 
-bool HoldLockFileForLife(const std::wstring& path) {
-    auto& s = fake::State();
-    const auto cut = path.rfind(L'\\');
-    if (s.locked.count(path)) return s.lastError = 32, false;  // another process holds it
-    if (cut == std::wstring::npos || !PathExists(path.substr(0, cut)))
-        return s.lastError = status::kPathNotFound, false;
-    s.files[path] = {};
-    return s.locked.insert(path).second;
-}
-
 bool RestrictDllSearch() {
     auto& s = fake::State();
     if (s.dllSearchError) s.lastError = s.dllSearchError;
-    else s.dllSearchRestricted = true;
-    return !s.dllSearchError;
+    return s.dllSearchRestricted = !s.dllSearchError;
 }
 
 std::wstring CommandLine() { return fake::State().commandLine; }
