@@ -21,6 +21,7 @@ constexpr const wchar_t* kFunction = L"wmain";
 constexpr std::uint32_t kErrorAlreadyExists = 183;
 constexpr std::uint32_t kErrorAccessDenied = 5;
 constexpr std::uint32_t kErrorSharingViolation = 32;
+constexpr const wchar_t* kLockFile = L"updatetool.lock";
 
 // A real second run is SYSTEM or an administrator (or this very account). An owner that cannot be
 // read counts as one too: Wine reports none at all.
@@ -36,7 +37,7 @@ void LogDuplicate() {
 // Instead of the mutex that someone else took: a file in the workspace, where only SYSTEM and
 // the Administrators can create files, held open without sharing for the rest of the run.
 bool TakeLockFile() {
-    const std::wstring lock = core::PathJoin(GetWorkspace(), L"updatetool.lock");
+    const std::wstring lock = core::PathJoin(GetWorkspace(), kLockFile);
     if (platform::HoldLockFileForLife(lock)) return true;
     const std::uint32_t error = platform::LastError();
     if (error == kErrorSharingViolation)
@@ -47,7 +48,8 @@ bool TakeLockFile() {
     return false;
 }
 
-// The single-instance mutex, or the lock file when another account squats its name.
+// The single-instance mutex and the lock file, or the lock file alone when another account
+// squats the mutex's name.
 bool TakeSingleInstance() {
     const platform::InstanceMutex mutex = platform::CreateNamedMutexHeldForLife(kSingleInstanceMutexName);
     if (mutex.error == kErrorAlreadyExists) {
@@ -66,7 +68,15 @@ bool TakeSingleInstance() {
              kFunction);
         return TakeLockFile();
     }
-    return true;  // ours; other failures are ignored, as they always were
+    // Ours. A run that took the lock file while another account squatted the name may still be
+    // going after the name came free: hold the lock file too, so that either finds the other.
+    // Without a workspace, or for any other refusal, the mutex alone has to do.
+    const std::wstring workspace = GetWorkspace();
+    if (workspace.empty() || platform::HoldLockFileForLife(core::PathJoin(workspace, kLockFile)) ||
+        platform::LastError() != kErrorSharingViolation)
+        return true;
+    LogDuplicate();
+    return false;
 }
 
 // The package has been checked against the host and the installed agents: install it.

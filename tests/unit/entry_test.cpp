@@ -60,14 +60,15 @@ TEST_P(InstanceLockTest, RunsOrRefusesAsADuplicate) {
     EXPECT_TRUE(!duplicate || Count(L"\r\n") == 2 + lines.size());  // the banner, then only these
     // Only a run that goes on waits for a pending restart.
     EXPECT_EQ(Platform().sleeps, std::vector<std::uint32_t>(duplicate ? 0 : 1, 300000));
-    // A run that took the lock file holds it for the rest of the run.
-    const bool tookLock = row.code == run_result::kFailure && row.mutex != Mutex::kNew;
-    EXPECT_EQ(Platform().locked.count(kLockFile) > 0, row.lockHeld || tookLock);
+    // A run that goes on holds the lock file for the rest of the run.
+    EXPECT_EQ(Platform().locked.count(kLockFile) > 0, row.lockHeld || !duplicate);
 }
 
 using platform::OwnerKind;
 INSTANTIATE_TEST_SUITE_P(ByOwnerAndLock, InstanceLockTest, ::testing::Values(
-        InstanceRow{Mutex::kNew, OwnerKind::kThisAccount, true, run_result::kFailure, {}},
+        InstanceRow{Mutex::kNew, OwnerKind::kThisAccount, false, run_result::kFailure, {}},
+        // A run that took the lock file while the name was squatted is still going.
+        InstanceRow{Mutex::kNew, OwnerKind::kThisAccount, true, run_result::kDuplicate, {kDuplicate}},
         InstanceRow{Mutex::kOwned, OwnerKind::kSystem, false, run_result::kDuplicate, {kDuplicate}},
         InstanceRow{Mutex::kOwned, OwnerKind::kAdministrators, false, run_result::kDuplicate, {kDuplicate}},
         InstanceRow{Mutex::kOwned, OwnerKind::kThisAccount, false, run_result::kDuplicate, {kDuplicate}},
@@ -77,15 +78,19 @@ INSTANTIATE_TEST_SUITE_P(ByOwnerAndLock, InstanceLockTest, ::testing::Values(
         InstanceRow{Mutex::kDenied, OwnerKind::kUnreadable, false, run_result::kFailure, {kDenied}},
         InstanceRow{Mutex::kDenied, OwnerKind::kUnreadable, true, run_result::kDuplicate, {kDuplicate, kDenied}}));
 
-// Without a workspace there is no safe place for the lock: the run refuses rather than run twice.
-TEST_F(EntryTest, SquattedMutexWithoutAWorkspaceRefuses) {
+// Without a workspace there is no safe place for the lock: with the mutex squatted the run refuses
+// rather than run twice; with the mutex its own it goes on.
+TEST_F(EntryTest, WithoutAWorkspaceOnlyTheMutexDecides) {
     Enable();
-    Platform().deniedMutexes.insert(kSingleInstanceMutexName);
     const std::wstring workspace = L"C:\\Users\\svc\\AppData\\Local\\Temp\\updatetool-data";
     Platform().folders.erase(workspace);
     Platform().files[workspace] = {};
     Platform().unmovable.insert(workspace);
     ResetWorkspaceForTesting();
+    EXPECT_EQ(RunTool(), run_result::kFailure);
+    EXPECT_TRUE(Platform().locked.empty());
+    Platform().mutexes.clear();
+    Platform().deniedMutexes.insert(kSingleInstanceMutexName);
     EXPECT_EQ(RunTool(), run_result::kDuplicate);
     EXPECT_TRUE(Logged(L"wmain: cannot take the instance lock updatetool.lock, exit now: The system cannot find the path specified."));
 }
