@@ -1,6 +1,6 @@
-// The content client's parsers of configuration and server text. Canonical forms, round trips and
-// header safety over arbitrary input are the fuzz targets' (tests/fuzz); these rows pin what each
-// parser accepts and refuses at its edges.
+// The content client's parsers of configuration and server text. Canonical forms, round trips,
+// decimal limits and header safety over arbitrary input are the fuzz targets' (tests/fuzz); these
+// rows pin what each parser accepts and refuses at its edges.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -49,7 +49,6 @@ TEST(KesDigest, ThumbprintsAndChecksumsNormaliseOrRefuse) {
         EXPECT_EQ(Text(kesclient::ParseChecksum(text)), want) << text;
 }
 
-// Digits and their limit are ascii_text's fuzz target's; here what surrounds them.
 TEST(KesHttpValues, LengthRangeAndValidatorAtTheirEdges) {
     EXPECT_EQ(kesclient::ParseContentLength(" 4294967296\t"), 4294967296u);  // past 32 bits
     for (const char* bad : {" ", "1 2", "5, 5"})
@@ -112,13 +111,11 @@ TEST(KesUrl, ParsesHttpsOnlyAndResolvesRedirects) {
 
 TEST(KesProxy, PlainHttpProxiesPacAnswersAndTheRoutePlan) {
     for (const auto& [text, want] : std::map<std::string, std::string>{
-             {"proxy:3128", "proxy:3128"}, {" HTTP://proxy.corp:8080/ ", "proxy.corp:8080"},
-             {"proxy", "proxy:80"}, {"[fe80::1]:3128", "[fe80::1]:3128"}, {"p:65535", "p:65535"},
-             {"p:03128", "p:3128"}})
+             {" HTTP://proxy.corp:8080/ ", "proxy.corp:8080"}, {"proxy", "proxy:80"},
+             {"[fe80::1]:3128", "[fe80::1]:3128"}, {"p:65535", "p:65535"}, {"p:03128", "p:3128"}})
         EXPECT_EQ(kesclient::NormaliseProxy(text).value_or("refused"), want) << text;
-    for (const char* bad : {"", "https://p:1", "socks5://p:1", "u:p@proxy:1", "proxy:", "proxy:0",
-                            "proxy:65536", "p:031280", "http://p:1/path", "pro xy:1", "[fe80::1",
-                            ":80"})
+    for (const char* bad : {"", "https://p:1", "socks5://p:1", "proxy:", "proxy:0", "proxy:65536",
+                            "p:031280", "http://p:1/path", "[fe80::1", ":80"})
         EXPECT_FALSE(kesclient::NormaliseProxy(bad)) << bad;
 
     std::vector<std::string> skipped;
