@@ -15,20 +15,17 @@ using Path = std::vector<std::string>;
 
 struct CheckingSink : ExtractionSink {
     bool MakeDirectory(const Path& path, std::string*) override { return Claim(path); }
-    bool BeginFile(const Path& path, std::uint64_t size, std::string*) override {
+    bool BeginFile(const Path& path, std::uint64_t, std::string*) override {
         // No file twice regardless of case; where files and folders meet is pinned by unit rows.
         FUZZ_CHECK(files.insert(FoldCase(fuzz::Joined(path))).second);
-        inFile = Claim(path);
-        left = size;
-        return true;
+        return inFile = Claim(path);
     }
-    bool WriteFile(const std::uint8_t*, std::size_t size, std::string*) override {
-        FUZZ_CHECK(inFile && size <= left);  // exactly the announced bytes per file
-        left -= size;
-        return true;
+    // Data only inside a file; how many bytes each gets is the tar_reader target's.
+    bool WriteFile(const std::uint8_t*, std::size_t, std::string*) override {
+        return FUZZ_CHECK(inFile), true;
     }
     bool EndFile(std::string*) override {
-        FUZZ_CHECK(inFile && left == 0);
+        FUZZ_CHECK(inFile);
         inFile = false;
         return true;
     }
@@ -41,7 +38,7 @@ struct CheckingSink : ExtractionSink {
     }
     std::set<std::string> files;  // folded
     bool inFile = false;
-    std::uint64_t entries = 0, left = 0;
+    std::uint64_t entries = 0;
 };
 
 FUZZ_TARGET {
