@@ -1,5 +1,7 @@
 // The ASCII helpers under every parser of the content client: numbers, blanks and case, checked
-// once here against the text itself.
+// once here against the standard library's readings.
+#include <cctype>
+#include <charconv>
 #include <cstring>
 
 #include "ascii_text.h"
@@ -7,18 +9,13 @@
 
 using namespace kesclient;
 
+// from_chars takes digits only (no sign, blank or base prefix) and refuses what overflows.
 static void CheckDecimal(std::string_view text, std::uint64_t max) {
-    const auto value = ParseDecimal(text, max);
-    // Refused exactly when the text is no number or its value is past the limit: no wrap-around.
-    const std::string_view digits = text.substr(std::min(text.find_first_not_of('0'), text.size()));
-    const std::string limit = std::to_string(max);
-    const bool above =
-        std::tuple(digits.size(), digits) > std::tuple(limit.size(), std::string_view(limit));
-    FUZZ_CHECK(value.has_value() ==
-               (!text.empty() && text.find_first_not_of("0123456789") == text.npos && !above));
-    // Only leading zeros may vanish.
-    if (value)
-        FUZZ_CHECK(*value <= max && (digits.empty() ? "0" : digits) == std::to_string(*value));
+    std::uint64_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    const bool number = error == std::errc() && stop == end && value <= max;
+    FUZZ_CHECK(ParseDecimal(text, max) == (number ? std::optional(value) : std::nullopt));
 }
 
 static void CheckTrim(std::string_view text, std::string_view blanks) {
@@ -29,20 +26,16 @@ static void CheckTrim(std::string_view text, std::string_view blanks) {
                trimmed.size() == text.find_last_not_of(blanks) + 1 - first);
 }
 
+// The C locale's case mapping: ASCII letters only, every other byte (UTF-8 too) as it was.
 static void CheckCase(std::string_view a, std::string_view b) {
     const std::string lower = LowerAscii(a), upper = UpperAscii(a);
     FUZZ_CHECK(lower.size() == a.size() && upper.size() == a.size());
     for (std::size_t i = 0; i < a.size(); ++i) {
-        const char c = a[i];
-        // Letters change case, every other byte (UTF-8 too) stays as it was.
-        FUZZ_CHECK(((c | 0x20) >= 'a' && (c | 0x20) <= 'z')
-                       ? lower[i] == (c | 0x20) && upper[i] == (c & ~0x20)
-                       : lower[i] == c && upper[i] == c);
-        FUZZ_CHECK(LowerAscii(c) == lower[i] && IsBlank(c) == (kBlanks.find(c) != kBlanks.npos));
+        const auto c = static_cast<unsigned char>(a[i]);
+        FUZZ_CHECK(lower[i] == char(std::tolower(c)) && upper[i] == char(std::toupper(c)) &&
+                   LowerAscii(a[i]) == lower[i]);
     }
-    FUZZ_CHECK(EqualsNoCase(a, lower) && EqualsNoCase(upper, a));
-    FUZZ_CHECK(EqualsNoCase(a, b) == (lower == LowerAscii(b)) &&
-               EqualsNoCase(b, a) == EqualsNoCase(a, b));
+    FUZZ_CHECK(EqualsNoCase(a, b) == (lower == LowerAscii(b)));
     FUZZ_CHECK(StartsWithNoCase(a, b) ==
                (a.size() >= b.size() && EqualsNoCase(a.substr(0, b.size()), b)));
 }

@@ -1,6 +1,6 @@
-// The content client's parsers of configuration and server text. Canonical forms, round trips and
-// header safety over arbitrary input are the fuzz targets' (tests/fuzz); these rows pin what each
-// parser accepts and refuses at its edges.
+// The content client's parsers of configuration and server text. Canonical forms, round trips,
+// decimal limits and header safety over arbitrary input are the fuzz targets' (tests/fuzz); these
+// rows pin what each parser accepts and refuses at its edges.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -19,14 +19,7 @@ using kesclient::DigestAlgorithm;
 
 const std::string kSha1 = "a94a8fe5ccb19ba61c4c0873d391e987982fbbd3";
 const std::string kSha256 = "9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08";
-const std::string kSha1Up = "A94A8FE5CCB19BA61C4C0873D391E987982FBBD3";
 const std::string kSha512(128, 'a');
-
-std::string Colons(const std::string& hex) {
-    std::string out;
-    for (std::size_t i = 0; i < hex.size(); i += 2) out += (i ? ":" : "") + hex.substr(i, 2);
-    return out;
-}
 
 // "" when refused, else the normal form.
 std::string Text(const std::optional<kesclient::Digest>& d) {
@@ -38,21 +31,19 @@ TEST(KesDigest, ThumbprintsAndChecksumsNormaliseOrRefuse) {
     const std::string sha256 = Text(kesclient::Digest{DigestAlgorithm::kSha256, kSha256});
     const std::string sha512 = Text(kesclient::Digest{DigestAlgorithm::kSha512, kSha512});
     const std::pair<std::string, std::string> prints[] = {
-        {kSha1, sha1}, {kSha1Up, sha1}, {Colons(kSha1Up), sha1}, {"\xE2\x80\x8E" + kSha256, sha256},
+        {"A9:4A:8F:E5:CC:B1:9B:A6:1C:4C:08:73:D3:91:E9:87:98:2F:BB:D3", sha1},
+        {"\xE2\x80\x8E" + kSha256, sha256}, {"\xEF\xBB\xBF" + kSha1, sha1},
         {"  " + kSha1.substr(0, 20) + " \t" + kSha1.substr(20) + "\n", sha1},
-        {"\xEF\xBB\xBF" + kSha1, sha1}, {kSha1.substr(1), ""}, {kSha1 + "0", ""},
-        {kSha1.substr(1) + "g", ""}, {kSha1.substr(1) + "-", ""}, {"\xE2\x80" + kSha1, ""},
-        {"", ""},
+        {kSha1.substr(1), ""}, {kSha1 + "0", ""}, {kSha1.substr(1) + "g", ""},
+        {"\xE2\x80" + kSha1, ""}, {"", ""},
     };
     for (const auto& [text, want] : prints)
         EXPECT_EQ(Text(kesclient::ParseThumbprint(text)), want) << text;
-    const std::string none = Text(kesclient::Digest{});
     const std::pair<std::string, std::string> sums[] = {
-        {"", none}, {"  \t", none},
+        {"  \t", Text(kesclient::Digest{})},
         {"9F86D081884C7D659A2FEAA0C55AD015A3BF4F1B2B0B822CD15D6C15B0F00A08", sha256},
         {" SHA256:" + kSha256 + " ", sha256}, {"sha512:" + kSha512, sha512}, {kSha512, sha512},
-        {"sha512:" + kSha256, ""}, {"sha256:" + kSha512, ""}, {"md5:" + kSha256, ""},
-        {kSha1, ""}, {Colons(kSha256), ""}, {"sha256:", ""}, {"sha", ""},
+        {"sha512:" + kSha256, ""}, {"md5:" + kSha256, ""}, {kSha1, ""}, {"sha", ""},
     };
     for (const auto& [text, want] : sums)
         EXPECT_EQ(Text(kesclient::ParseChecksum(text)), want) << text;
@@ -60,8 +51,7 @@ TEST(KesDigest, ThumbprintsAndChecksumsNormaliseOrRefuse) {
 
 TEST(KesHttpValues, LengthRangeAndValidatorAtTheirEdges) {
     EXPECT_EQ(kesclient::ParseContentLength(" 4294967296\t"), 4294967296u);  // past 32 bits
-    EXPECT_EQ(kesclient::ParseContentLength("18446744073709551615"), 18446744073709551615u);
-    for (const char* bad : {"", " ", "18446744073709551616", "-1", "+1", "1 2", "5, 5", "0x10"})
+    for (const char* bad : {" ", "1 2", "5, 5"})
         EXPECT_FALSE(kesclient::ParseContentLength(bad)) << bad;
 
     const auto range = kesclient::ParseContentRange("bytes 100-199/200");
@@ -70,15 +60,13 @@ TEST(KesHttpValues, LengthRangeAndValidatorAtTheirEdges) {
               std::tuple(100u, 100u, 200u));
     EXPECT_EQ(kesclient::ParseContentRange("Bytes 5-5/*")->length(), 1u);
     for (const char* bad : {"bytes 100-199/199", "bytes 5-4/10", "bytes */200", "items 0-1/2",
-                            "bytes 0-1", "bytes -1/2", "bytes 0-18446744073709551616/*",
-                            "bytes 1/2-3"})
+                            "bytes 0-1", "bytes -1/2", "bytes 1/2-3"})
         EXPECT_FALSE(kesclient::ParseContentRange(bad)) << bad;
 
     const std::string date = "Tue, 01 Jan 2030 00:00:00 GMT";
     const std::string validators[][3] = {  // ETag, Last-Modified, the one sent back
         {"\"abc\"", date, "\"abc\""}, {"", date, date}, {"W/\"abc\"", date, ""}, {"abc", "", ""},
-        {"\"a\"b\"", "", ""}, {"\"a\r\nX: y\"", "", ""}, {"", "Tue\r\nX: y", ""},
-        {"\"" + std::string(300, 'a') + "\"", "", ""},
+        {"\"a\"b\"", "", ""}, {"\"" + std::string(300, 'a') + "\"", "", ""},
     };
     for (const auto& v : validators)
         EXPECT_EQ(kesclient::ChooseResumeValidator(v[0], v[1]), v[2]) << v[0];
@@ -93,11 +81,10 @@ TEST(KesUrl, ParsesHttpsOnlyAndResolvesRedirects) {
              {"https://[::1]:444/x", "https://[::1]:444/x"}, {"https://h:443/x", "https://h/x"},
              {"https://h:65535/", "https://h:65535/"}, {"https://h:00443/", "https://h/"}})
         EXPECT_EQ(kesclient::ParseHttpsUrl(text)->ToString(), want);
-    for (const char* bad : {"http://h/x", "ftp://h/x", "https:/h/x", "https:h", "//h/x", "h/x",
-                            "https://", "https://:443/", "https://u:p@h/x", "https://h:0/",
-                            "https://h:65536/", "https://h:044300/", "https://h:44a/",
-                            "https://h /x", "https://h/a b", "https://h\\x", "https://h/\xC3\xA9",
-                            "https://h/\x7F", "https://[::1/", "https://[zz]/", "https://h%2f/"}) {
+    for (const char* bad : {"http://h/x", "https:/h/x", "//h/x", "https://", "https://:443/",
+                            "https://u:p@h/x", "https://h:0/", "https://h:65536/",
+                            "https://h:044300/", "https://h/a b", "https://h\\x", "https://h/\x7F",
+                            "https://[::1/", "https://[zz]/", "https://h%2f/"}) {
         std::string why;
         EXPECT_FALSE(kesclient::ParseHttpsUrl(bad, &why)) << bad;
         EXPECT_FALSE(why.empty());
@@ -124,13 +111,11 @@ TEST(KesUrl, ParsesHttpsOnlyAndResolvesRedirects) {
 
 TEST(KesProxy, PlainHttpProxiesPacAnswersAndTheRoutePlan) {
     for (const auto& [text, want] : std::map<std::string, std::string>{
-             {"proxy:3128", "proxy:3128"}, {" HTTP://proxy.corp:8080/ ", "proxy.corp:8080"},
-             {"proxy", "proxy:80"}, {"[fe80::1]:3128", "[fe80::1]:3128"}, {"p:65535", "p:65535"},
-             {"p:03128", "p:3128"}})
+             {" HTTP://proxy.corp:8080/ ", "proxy.corp:8080"}, {"proxy", "proxy:80"},
+             {"[fe80::1]:3128", "[fe80::1]:3128"}, {"p:65535", "p:65535"}, {"p:03128", "p:3128"}})
         EXPECT_EQ(kesclient::NormaliseProxy(text).value_or("refused"), want) << text;
-    for (const char* bad : {"", "https://p:1", "socks5://p:1", "u:p@proxy:1", "proxy:", "proxy:0",
-                            "proxy:65536", "p:031280", "http://p:1/path", "pro xy:1", "[fe80::1",
-                            ":80"})
+    for (const char* bad : {"", "https://p:1", "socks5://p:1", "proxy:", "proxy:0", "proxy:65536",
+                            "p:031280", "http://p:1/path", "[fe80::1", ":80"})
         EXPECT_FALSE(kesclient::NormaliseProxy(bad)) << bad;
 
     std::vector<std::string> skipped;
@@ -147,14 +132,10 @@ TEST(KesProxy, PlainHttpProxiesPacAnswersAndTheRoutePlan) {
     using kesclient::PlanRoutes;
     const std::vector<kesclient::Route> script = {{false, "p:1", "PAC"}, {true, "", "PAC"}};
     skipped.clear();
+    // Order, duplicates and when a direct route may appear are pac_answer's fuzz target's.
     const auto routes = PlanRoutes(true, script, {"q:2", "p:1", " ", "socks5://x:1"}, &skipped);
-    ASSERT_EQ(routes.size(), 3u);
-    EXPECT_TRUE(routes[1].direct);  // the script asked for it
-    EXPECT_EQ(routes[2].proxy, "q:2");
+    EXPECT_EQ(routes.at(2), (kesclient::Route{false, "q:2", "list"}));
     EXPECT_EQ(skipped, std::vector<std::string>{"socks5://x:1"});
-    EXPECT_TRUE(PlanRoutes(true, {}, {}, nullptr).empty());  // the script failed: no quiet fallback
-    EXPECT_TRUE(PlanRoutes(false, {}, {"socks5://x:1"}, nullptr).empty());
-    EXPECT_TRUE(PlanRoutes(false, {}, {"", " "}, nullptr).at(0).direct);
 }
 
 TEST(KesResumeState, ReadsOnlyWhatItWrites) {
@@ -167,12 +148,10 @@ TEST(KesResumeState, ReadsOnlyWhatItWrites) {
         crlf.insert(at, "\r");
     EXPECT_EQ(kesclient::ParseResumeState(crlf), kesclient::ParseResumeState(good));
     const std::pair<std::string, std::string> edits[] = {
-        {"kesclient-resume 1", "kesclient-resume 2"}, {"offset 5", "offset 11"},
-        {"offset 5", "offset -5"}, {"offset 5", "offset 5 "}, {"total 10\n", "total 10"},
-        {"url https://h/a\n", ""}, {"validator \"e\"", "validator "},
+        {"kesclient-resume 1", "kesclient-resume 2"}, {"offset 5", "offset -5"},
+        {"offset 5", "offset 5 "}, {"total 10\n", "total 10"}, {"url https://h/a\n", ""},
         {"checksum none", "checksum none\nchecksum none"}, {"checksum none", "colour blue"},
-        {"url https://h/a", "url https://h/\x01"}, {"offset 5", "offset 99999999999999999999"},
-        {"total 10", "total\t10"},
+        {"offset 5", "offset 99999999999999999999"}, {"total 10", "total\t10"},
     };
     for (const auto& [from, to] : edits) {
         std::string text = good;
