@@ -1,6 +1,7 @@
 #include "download/workspace.h"
 
 #include <optional>
+#include <random>
 
 #include "core/text.h"
 #include "platform/clock.h"
@@ -53,11 +54,23 @@ std::wstring AsideName(const std::wstring& workspace, int attempt) {
     return attempt ? core::Format(L"%s-%d", name, attempt + 1) : name;
 }
 
+// The name with 64 random bits added: anyone can make the names of the seconds to come in
+// advance, but not this one.
+std::wstring UnguessableName(const std::wstring& name) {
+    std::random_device source;
+    return core::Format(L"%s-%08x%08x", name, source(), source());
+}
+
 // Never deleted: the administrator may want to see what was planted and by whom.
 bool MoveAside(const std::wstring& workspace, int attempt,
                const std::optional<platform::ExistingFolder>& found) {
-    const std::wstring aside = AsideName(workspace, attempt);
-    if (!platform::MovePath(workspace, aside)) {
+    std::wstring aside = AsideName(workspace, attempt);
+    bool moved = platform::MovePath(workspace, aside);
+    if (!moved && platform::LastError() == kErrorAlreadyExists) {
+        aside = UnguessableName(aside);
+        moved = platform::MovePath(workspace, aside);
+    }
+    if (!moved) {
         LogF(L"%s: cannot move %s (%s, owner %s) aside, not using it: %s", kFunction, workspace,
              UntrustedKind(found), OwnerText(found), platform::SystemMessage(platform::LastError()));
         return false;

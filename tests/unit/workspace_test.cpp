@@ -146,6 +146,28 @@ TEST_F(WorkspaceTest, MovingAsideThatFailsOrKeepsBeingUndoneIsRefused) {
     }
 }
 
+// Whoever can plant the workspace can also make the names of the seconds to come: the move then
+// takes a name with 64 random bits added, and what stood at the first name stays as it was.
+TEST_F(WorkspaceTest, AsideNameMadeInAdvanceGetsRandomBitsAdded) {
+    const std::wstring aside = kWorkspace + L".untrusted-20260302140309";
+    Platform().folders.erase(kWorkspace);  // the log's lookup made it
+    Platform().files[kWorkspace] = {7};
+    Platform().folderSecurity[kWorkspace].owner = {OwnerKind::kOtherAccount, kMallory};
+    Platform().files[aside] = {1};
+    EXPECT_EQ(FreshWorkspace(), kWorkspace);
+    std::vector<std::wstring> moved;
+    for (const auto& [path, bytes] : Platform().files)
+        if (path.starts_with(aside + L"-") && bytes == std::vector<std::uint8_t>{7})
+            moved.push_back(path);
+    ASSERT_EQ(moved.size(), 1u);
+    EXPECT_TRUE(moved[0].size() == aside.size() + 17 &&
+                moved[0].find_first_not_of(L"0123456789abcdef", aside.size() + 1) == moved[0].npos)
+        << moved[0];
+    EXPECT_EQ(Platform().files[aside], std::vector<std::uint8_t>{1});
+    EXPECT_TRUE(LoggedLine(L"GetWorkspace: " + kWorkspace + L" (a file, owner PC\\mallory) " +
+                           L"cannot be trusted, moved it aside to " + moved[0]));
+}
+
 // The install folder's certificate, the current product's first; else the DaaS agent's, whose
 // folder must exist.
 TEST_F(WorkspaceTest, PemFileComesFromAnInstallFolderThenTheDaasAgent) {
