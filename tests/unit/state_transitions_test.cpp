@@ -76,6 +76,7 @@ TEST_F(StateTransitionsTest, MovesTheUpdateOnAndStoresIt) {
         {U, L"", 0, -6, false, L"UPDATING INVALID 0", 0},
         // Success and a restart request keep the update going behind a restart.
         {U, L"", 1, 0, false, L"WAIT PROGRESS 2", kReboot, L"Util_UpdateDone: FORCE REBOOT"},
+        {U, L"", 1, -7, false, L"WAIT PROGRESS 2", kReboot},
         {U, L"", 2, -7, false, L"UPDATING FAILURE 3", 0},
         {D, L"", 1, -13, false,
          L"DONE PREFLIGHTCHECK_FAILURE 1 PREFLIGHT_ERR_WIN_UPDATE_INPROGRESS", 0},
